@@ -1,0 +1,49 @@
+// The exported functions with plain parameter types. Host modules link
+// against these (C++-mangled) symbols, so the parameter types are fixed.
+//
+// Strings: a null user, password, cookie or data is the empty string.
+// Header arrays end at their first null entry; a null array sends none.
+// Returned char* are Strdup copies owned by the caller (release with free).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "webclient/export.h"
+
+struct json_object;
+
+WEBCLIENT_API char* webClientGet(const char* url, const char* user, const char* password,
+                                 const char** headers, bool useSsl);
+WEBCLIENT_API char* webClientGet_ex(const char* url, const char* user, const char* password,
+                                    const char** headers, char** responseHeaders, bool useSsl);
+WEBCLIENT_API char* webClientGet_ex2(const char* url, const char* user, const char* password,
+                                     const char* cookie, const char** headers, int* responseCode,
+                                     bool useSsl);
+WEBCLIENT_API char* webClientPut(const char* url, const char* user, const char* password,
+                                 const char* data, const char** headers, bool useSsl);
+WEBCLIENT_API char* webClientPost(const char* url, const char* user, const char* password,
+                                  const char* data, const char** headers, bool useSsl);
+WEBCLIENT_API char* webClientDelete(const char* url, const char* user, const char* password,
+                                    const char** headers, bool useSsl);
+WEBCLIENT_API char* webClientPatch(const char* url, const char* user, const char* password,
+                                   const char* data, const char** headers, bool useSsl);
+WEBCLIENT_API char* webClientUploadByPost(const char* url, const char* user, const char* password,
+                                          const char** headers, const char* fieldName,
+                                          const char* filePath, int* responseCode, bool useSsl);
+// HTTP status of the last attempt; -1 for bad arguments or an unopenable
+// file; 0 after a WebException.
+WEBCLIENT_API int webClientDownload_ex(const char* url, const char* user, const char* password,
+                                       const char** headers, const char* filePath,
+                                       std::string& error, bool useSsl);
+WEBCLIENT_API int webClientDownload(const char* url, const char* user, const char* password,
+                                    const char** headers, const char* filePath, bool useSsl);
+
+WEBCLIENT_API std::vector<std::string> header_array_to_vector(const char** headers);
+
+// Starts the transfer backend (costs 6 s); call once before any request.
+WEBCLIENT_API void initCurlBackEnd();
+// Stops it for good: requests made afterwards do nothing.
+WEBCLIENT_API void stopCurlBackEnd();
+WEBCLIENT_API int WebClientModuleInit(json_object* config);
+WEBCLIENT_API int WebClientModuleDeinit(json_object* config);

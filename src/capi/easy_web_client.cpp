@@ -1,0 +1,196 @@
+// EasyWebClient: one easy handle per object, performed on the caller's
+// thread; no pool, no backend, no peer verification.
+#include "webclient/easy_web_client.h"
+
+#include "util/log.h"
+#include "webclient/flat_api.h"
+#include "webclient/web_request.h"
+
+namespace {
+
+constexpr long kLowSpeedLimitBytes = 100;
+constexpr long kLowSpeedTimeSeconds = 600;
+const std::string kNoCookie;
+
+// The response code, or -1 when libcurl cannot report it.
+int responseCodeOf(CURL* handle) {
+    long code = 0;
+    return curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK ? static_cast<int>(code)
+                                                                                : -1;
+}
+
+}  // namespace
+
+EasyWebClient::EasyWebClient()
+    : curl_handle(curl_easy_init()),
+      header_list(nullptr),
+      form_post(nullptr),
+      total_timeout(600),
+      connect_timeout(20) {}
+
+EasyWebClient::~EasyWebClient() {
+    if (header_list != nullptr) curl_slist_free_all(header_list);
+    if (form_post != nullptr) curl_formfree(form_post);
+    if (curl_handle != nullptr) curl_easy_cleanup(curl_handle);
+}
+
+void EasyWebClient::setupRequest(std::string const& url, std::string const& user,
+                                 std::string const& password, std::string const& cookie,
+                                 std::vector<std::string>& headers) {
+    if (curl_handle == nullptr) return;
+    CURL* h = curl_handle;
+    curl_easy_setopt(h, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
+    curl_easy_setopt(h, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &EasyWebClient::receiveData);
+    curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &EasyWebClient::receiveHeader);
+    curl_easy_setopt(h, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(h, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 0L);
+    curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimitBytes);
+    curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, kLowSpeedTimeSeconds);
+    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, connect_timeout);
+    curl_easy_setopt(h, CURLOPT_TIMEOUT, total_timeout);
+    curl_easy_setopt(h, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    if (!user.empty() && !password.empty()) {
+        const std::string userPassword = user + ":" + password;
+        curl_easy_setopt(h, CURLOPT_USERPWD, userPassword.c_str());
+    }
+    if (!headers.empty()) {
+        for (const auto& line : headers) header_list = curl_slist_append(header_list, line.c_str());
+        curl_easy_setopt(h, CURLOPT_HTTPHEADER, header_list);
+    }
+    if (!cookie.empty()) curl_easy_setopt(h, CURLOPT_COOKIE, cookie.c_str());
+}
+
+int EasyWebClient::get(std::string const& url, std::string const& user, std::string const& password,
+                       std::string const& cookie, std::vector<std::string>& headers,
+                       std::string& responseHeaders, std::string& response) {
+    WC_LOG_DEBUG("[%s] url: %s.", "get", get_printable_url(url).c_str());
+    if (curl_handle == nullptr) return -1;
+    setupRequest(url, user, password, cookie, headers);
+    const CURLcode code = curl_easy_perform(curl_handle);
+    if (code != CURLE_OK) {
+        WC_LOG_ERROR("[%s] failed %d.", "get", static_cast<int>(code));
+        return -1;
+    }
+    response = response_body;
+    responseHeaders = response_headers;
+    return responseCodeOf(curl_handle);
+}
+
+int EasyWebClient::get(std::string const& url, std::string const& user, std::string const& password,
+                       std::vector<std::string>& headers, std::string& responseHeaders,
+                       std::string& response, int& curlCode) {
+    WC_LOG_DEBUG("[%s] url: %s.", "get", get_printable_url(url).c_str());
+    if (curl_handle == nullptr) return -1;
+    setupRequest(url, user, password, kNoCookie, headers);
+    const CURLcode code = curl_easy_perform(curl_handle);
+    curlCode = static_cast<int>(code);
+    response = response_body;
+    responseHeaders = response_headers;
+    if (code != CURLE_OK) {
+        WC_LOG_ERROR("[%s] failed %d.", "get", curlCode);
+        return -1;
+    }
+    return responseCodeOf(curl_handle);
+}
+
+void EasyWebClient::post(std::string const& url, std::string const& user, std::string const& password,
+                         std::string const& data, std::vector<std::string>& headers,
+                         std::string& response, int* responseCode) {
+    WC_LOG_DEBUG("[%s] url: %s.", "post", get_printable_url(url).c_str());
+    int status = -1;
+    if (curl_handle != nullptr) {
+        setupRequest(url, user, password, kNoCookie, headers);
+        curl_easy_setopt(curl_handle, CURLOPT_POST, 1L);
+        curl_easy_setopt(curl_handle, CURLOPT_POSTFIELDS, data.c_str());
+        const CURLcode code = curl_easy_perform(curl_handle);
+        if (code != CURLE_OK) {
+            WC_LOG_ERROR("[%s] failed %d.", "post", static_cast<int>(code));
+        } else {
+            response = response_body;
+            status = responseCodeOf(curl_handle);
+        }
+    }
+    if (responseCode != nullptr) *responseCode = status;
+}
+
+int EasyWebClient::uploadByPost(std::string const& url, std::string const& user,
+                                std::string const& password, std::vector<std::string>& headers,
+                                std::string const& fieldName, std::string const& filePath,
+                                std::string& response) {
+    WC_LOG_DEBUG("[%s] url: %s.", "uploadByPost", get_printable_url(url).c_str());
+    if (curl_handle == nullptr) return -1;
+    setupRequest(url, user, password, kNoCookie, headers);
+    if (!filePath.empty()) {
+        curl_httppost* last = nullptr;
+        curl_formadd(&form_post, &last, CURLFORM_COPYNAME, fieldName.c_str(), CURLFORM_FILE,
+                     filePath.c_str(), CURLFORM_CONTENTTYPE, "application/octet-stream", CURLFORM_END);
+        curl_easy_setopt(curl_handle, CURLOPT_HTTPPOST, form_post);
+    } else {
+        curl_easy_setopt(curl_handle, CURLOPT_POST, 1L);
+        // Without this libcurl would read a body from standard input.
+        curl_easy_setopt(curl_handle, CURLOPT_POSTFIELDSIZE, 0L);
+        curl_easy_setopt(curl_handle, CURLOPT_POSTFIELDS, "");
+    }
+    const CURLcode code = curl_easy_perform(curl_handle);
+    if (code != CURLE_OK) {
+        WC_LOG_ERROR("[%s] failed %d.", "uploadByPost", static_cast<int>(code));
+        return -1;
+    }
+    response = response_body;
+    return responseCodeOf(curl_handle);
+}
+
+size_t EasyWebClient::receiveData(char* data, size_t size, size_t count, void* client) {
+    return static_cast<size_t>(
+        static_cast<EasyWebClient*>(client)->receiveDataInternal(data, static_cast<int>(size * count)));
+}
+
+size_t EasyWebClient::receiveHeader(char* data, size_t size, size_t count, void* client) {
+    return static_cast<size_t>(static_cast<EasyWebClient*>(client)->receiveHeaderInternal(
+        data, static_cast<int>(size * count)));
+}
+
+int EasyWebClient::receiveDataInternal(const char* data, int count) {
+    if (data != nullptr && count >= 1) response_body.append(data, static_cast<size_t>(count));
+    return count;
+}
+
+int EasyWebClient::receiveHeaderInternal(const char* data, int count) {
+    if (data != nullptr && count >= 1) response_headers.append(data, static_cast<size_t>(count));
+    return count;
+}
+
+char* easyWebClientGet(const char* url, const char* user, const char* password, const char* cookie,
+                       const char** headers, int* responseCode) {
+    if (url == nullptr) return nullptr;
+    std::string urlText(url);
+    std::string userText = user ? user : "", passwordText = password ? password : "";
+    std::string cookieText = cookie ? cookie : "";
+    std::vector<std::string> lines = header_array_to_vector(headers);
+    std::string responseHeaders, response;
+    EasyWebClient client;
+    const int status = client.get(urlText, userText, passwordText, cookieText, lines, responseHeaders,
+                                  response);
+    if (responseCode != nullptr) *responseCode = status;
+    return Strdup(response.c_str());
+}
+
+char* easyWebClientUploadByPost(const char* url, const char* user, const char* password,
+                                const char** headers, const char* fieldName, const char* filePath,
+                                int* responseCode) {
+    if (url == nullptr) return nullptr;
+    std::string urlText(url);
+    std::string userText = user ? user : "", passwordText = password ? password : "";
+    std::string field = fieldName ? fieldName : "", path = filePath ? filePath : "";
+    std::vector<std::string> lines = header_array_to_vector(headers);
+    std::string response;
+    EasyWebClient client;
+    const int status = client.uploadByPost(urlText, userText, passwordText, lines, field, path, response);
+    if (responseCode != nullptr) *responseCode = status;
+    return Strdup(response.c_str());
+}

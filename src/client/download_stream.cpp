@@ -1,0 +1,144 @@
+// Streamed downloads: the body goes straight into the caller's file, with
+// per-image progress kept in the host's map and JSON progress reports sent
+// through the host's sender.
+#include <json-c/json.h>
+
+#include <functional>
+#include <memory>
+
+#include "client/exchange.h"
+#include "client/web_client_impl.h"
+#include "engine/web_request_impl.h"
+#include "util/lock_guard.h"
+#include "util/log.h"
+#include "webclient/ca_bundle.h"
+
+using std::placeholders::_1;
+
+double total_percentage = 0.0;
+
+void reset_download_percentage_data() { total_percentage = 0.0; }
+
+namespace {
+
+constexpr double kReportStep = 0.01;
+
+struct JsonDeleter {
+    void operator()(json_object* object) const { json_object_put(object); }
+};
+using JsonPtr = std::unique_ptr<json_object, JsonDeleter>;
+
+// {"token": "query_percentage", "data": {<key>: {"fail", "percentage", "inprogress"}}}
+void sendProgressReport(const std::string& key, const ImageDownload& entry, double percentage) {
+    JsonPtr report(json_object_new_object());
+    json_object* item = json_object_new_object();
+    json_object_object_add(item, "fail", json_object_new_boolean(entry.fail ? 1 : 0));
+    json_object_object_add(item, "percentage", json_object_new_double(percentage));
+    json_object_object_add(item, "inprogress", json_object_new_int(entry.inprogress ? 1 : 0));
+    json_object* data = json_object_new_object();
+    json_object_object_add(data, key.c_str(), item);
+    json_object_object_add(report.get(), "token", json_object_new_string("query_percentage"));
+    json_object_object_add(report.get(), "data", data);
+    SalSendFunction sender = GetSalSend();
+    if (sender) sender(json_object_to_json_string(report.get()));
+}
+
+// Counts the chunk against its image and reports when the job-wide share
+// has grown by a step. Caller holds the host's progress lock.
+void recordProgress(download_param& param, DataReceivedEventArgs& chunk, size_t written) {
+    ImageDownload& entry = (*param.progress_map)[param.progress_key][param.image_name];
+    if (entry.cancel) {
+        WC_LOG_INFO("Cancel download, image: %s", param.image_name.c_str());
+        chunk.cancel = true;
+    }
+    entry.image_name = param.image_name;
+    entry.total = chunk.content_length;
+    entry.downloaded += static_cast<double>(chunk.size);
+    if (written < static_cast<size_t>(chunk.size)) {
+        WC_LOG_ERROR("write file error, download for this image will be cancel, image: %s",
+                     param.image_name.c_str());
+        chunk.cancel = true;
+    }
+    const double percentage = entry.downloaded / entry.total / param.progress_divisor + total_percentage;
+    if (entry.downloaded == entry.total) total_percentage = percentage;
+    if (percentage - entry.last_reported < kReportStep) return;
+    entry.last_reported = percentage;
+    sendProgressReport(param.progress_key, entry, percentage);
+}
+
+}  // namespace
+
+ImageDownload::ImageDownload()
+    : downloaded(0.0), total(0.0), last_reported(0.0), fail(false), inprogress(false), cancel(false) {}
+
+ImageDownload::~ImageDownload() = default;
+
+download_param::download_param()
+    : progress_lock(nullptr), progress_map(nullptr), progress_divisor(0.0) {}
+
+download_param::~download_param() = default;
+
+void WebClient::impl::downloadStreamCallback(std::shared_ptr<FILE> file, download_param* param,
+                                             std::shared_ptr<DataReceivedEventArgs> chunk) {
+    const size_t written = fwrite(chunk->data, 1, static_cast<size_t>(chunk->size), file.get());
+    if (param->progress_lock == nullptr) return;
+    utilities::lock::lock_guard guard(param->progress_lock);
+    // Without the lock the map would race with the host; the chunk is
+    // already on disk, so only this chunk's bookkeeping is skipped.
+    if (!guard.owns() || param->progress_map == nullptr) return;
+    try {
+        recordProgress(*param, *chunk, written);
+    } catch (const WebException& error) {
+        WC_LOG_DEBUG("downloadStreamCallback %s", error.what());
+    }
+}
+
+namespace {
+
+DataReceivedCallback bindStreamCallback(WebClient& client, std::shared_ptr<FILE> const& file,
+                                        download_param* param) {
+    return std::bind(&WebClient::impl::downloadStreamCallback, client.impl_, file, param, _1);
+}
+
+}  // namespace
+
+std::string WebClient::downloadStream(download_param* param, std::shared_ptr<FILE> file,
+                                      int* responseCode, bool useSsl) {
+    std::string error;
+    int attemptsLeft = useSsl ? 2 : 0;
+    for (;;) {
+        int status = 0;
+        {
+            DataReceivedCallback onData = bindStreamCallback(*this, file, param);
+            WebRequest request(param->url, "GET", useSsl);
+            if (param->headers.empty()) {
+                request.downloadAsync(onData, kNoCompletion);
+            } else {
+                request.downloadAsync(param->user, param->password, param->headers, onData,
+                                      kNoCompletion);
+            }
+            if (request.wait(downloadTimeoutMs) != 0) {
+                WC_LOG_DEBUG("WebClient::downloadStream timeout");
+                WC_LOG_DEBUG("[%s] exception %s", "downloadStream", "Operation timed out");
+                request.abort();
+            }
+            if (responseCode != nullptr) *responseCode = static_cast<int>(request.getResponseCode());
+            status = CheckStatus(request);
+            if (status != 0) error = request.impl_->error_buffer;
+        }
+        if (!refreshAfterTrustFailure(status, useSsl, attemptsLeft)) return error;
+    }
+}
+
+void WebClient::downloadStream(download_param* param, std::shared_ptr<FILE> file,
+                               std::string& responseHeaders, bool useSsl) {
+    std::string body;  // unused: the stream callback writes to the file
+    Exchange exchange{"downloadStream", "GET", downloadTimeoutMs, &body, &responseHeaders, nullptr,
+                      nullptr,
+                      [&](WebRequest& r, DataReceivedCallback const&, DataReceivedCallback const& onHeader) {
+                          r.downloadAsync(param->user, param->password, param->headers,
+                                          bindStreamCallback(*this, file, param), onHeader,
+                                          kNoCompletion);
+                      }};
+    runExchange(*this, param->url, useSsl, exchange);
+}

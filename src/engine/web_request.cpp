@@ -1,0 +1,275 @@
+// WebRequest: construction on a pooled handle, the common libcurl set-up,
+// data delivery, completion, waiting and tear-down.
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include <openssl/x509.h>
+
+#include "engine/web_request_impl.h"
+#include "util/log.h"
+#include "webclient/ca_bundle.h"
+#include "webclient/exception.h"
+#include "webclient/webRequestcontroller.h"
+
+namespace {
+
+constexpr long kLowSpeedLimitBytes = 100;
+constexpr long kLowSpeedTimeSeconds = 600;
+constexpr long kConnectTimeoutSeconds = 20;
+constexpr long kTotalTimeoutSeconds = 1200;
+constexpr int kSlowWaitWarningSeconds = 30;
+
+// Requests to the local HTTPS endpoint never verify TLS.
+bool isLocalHttpsUrl(const std::string& url) {
+    static const char kLocal[] = "https://127.0.0.1";
+    return url == kLocal || url.rfind("https://127.0.0.1:", 0) == 0 ||
+           url.rfind("https://127.0.0.1/", 0) == 0;
+}
+
+bool isSecretPiece(const std::string& piece, const char* key) {
+    return piece.rfind(key, 0) == 0;
+}
+
+std::string maskFirstPiece(const std::string& piece) {
+    for (const char* key : {"?password=", "?client_secret="}) {
+        size_t at = piece.find(key);
+        if (at != std::string::npos) return piece.substr(0, at + std::strlen(key)) + "***";
+    }
+    return piece;
+}
+
+}  // namespace
+
+std::string get_printable_url(std::string const& url) {
+    if (url.find('?') == std::string::npos) return url;
+    if (url.find("?password=") == std::string::npos && url.find("&password=") == std::string::npos &&
+        url.find("?client_secret=") == std::string::npos &&
+        url.find("&client_secret=") == std::string::npos) {
+        return url;
+    }
+    std::vector<std::string> pieces = split(url.c_str(), "&");
+    std::string printable = maskFirstPiece(pieces.empty() ? url : pieces[0]);
+    for (size_t i = 1; i < pieces.size(); ++i) {
+        if (isSecretPiece(pieces[i], "password=")) {
+            printable += "&password=***";
+        } else if (isSecretPiece(pieces[i], "client_secret=")) {
+            printable += "&client_secret=***";
+        } else {
+            printable += "&" + pieces[i];
+        }
+    }
+    return printable;
+}
+
+WebRequest::WebRequest(std::string const& url, std::string const& method, bool useSsl)
+    : impl_(new impl()),
+      url(url),
+      method(method),
+      content_length(-1.0),
+      header_list(nullptr),
+      completed(false),
+      mutex(PTHREAD_MUTEX_INITIALIZER),
+      cond(PTHREAD_COND_INITIALIZER),
+      use_ssl(useSsl) {
+    impl_->web_handle = WebHandleManager::getInstance()->GetWebHandle(url, method);
+    if (impl_->web_handle) {
+        impl_->curl_handle = impl_->web_handle->curl_handle;
+        impl_->web_handle->Lock();
+    }
+    if (impl_->curl_handle != nullptr) {
+        curl_easy_reset(impl_->curl_handle);
+        memset_s_helper(impl_->error_buffer, sizeof impl_->error_buffer, 0,
+                        sizeof impl_->error_buffer);
+        curl_easy_setopt(impl_->curl_handle, CURLOPT_ERRORBUFFER, impl_->error_buffer);
+    } else {
+        WC_LOG_ERROR("WebRequest handle is NULL");
+    }
+    if (isLocalHttpsUrl(url)) {
+        use_ssl = false;
+        if (useSsl) WC_LOG_INFO("WebRequest() Accessing https://127.0.0.1, disable SSL by default");
+    }
+}
+
+WebRequest::~WebRequest() {
+    try {
+        WebRequestManager::getInstance()->closeRequest(this);
+    } catch (const Exception&) {
+        // Already logged by the backend ("curl_multi_remove_handle error");
+        // a destructor must not throw, and the handle is released below.
+    }
+    if (impl_->web_handle) impl_->web_handle->Unlock();
+    if (impl_->form_post != nullptr) curl_formfree(impl_->form_post);
+    if (header_list != nullptr) curl_slist_free_all(header_list);
+    if (impl_->holds_ca_file) CaBundleProvider::GetInstance()->PutCaFile();
+    delete impl_;
+    pthread_cond_destroy(&cond);
+    pthread_mutex_destroy(&mutex);
+}
+
+namespace {
+
+// The options every transfer gets, in libcurl's order of application. With
+// `deliverHeaders` the response header lines go to `on_header` and the
+// cookie, if any, is sent.
+void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
+    CURL* handle = request.impl_->curl_handle;
+    setCheckedOption(request, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
+    setCheckedOption(request, CURLOPT_URL, request.url.c_str());
+    setCheckedOption(request, CURLOPT_FOLLOWLOCATION, 1L);
+    setCheckedOption(request, CURLOPT_WRITEFUNCTION, &WebRequest::receiveData);
+    if (deliverHeaders) setCheckedOption(request, CURLOPT_HEADERFUNCTION, &WebRequest::receiveHeader);
+    setCheckedOption(request, CURLOPT_WRITEDATA, &request);
+    if (deliverHeaders) setCheckedOption(request, CURLOPT_HEADERDATA, &request);
+    setCheckedOption(request, CURLOPT_SSL_VERIFYPEER, 0L);
+    setCheckedOption(request, CURLOPT_SSL_VERIFYHOST, 0L);
+    curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimitBytes);
+    curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, kLowSpeedTimeSeconds);
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT, kTotalTimeoutSeconds);
+    curl_easy_setopt(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    if (!request.headers.empty()) {
+        for (const auto& line : request.headers) {
+            request.header_list = curl_slist_append(request.header_list, line.c_str());
+        }
+        setCheckedOption(request, CURLOPT_HTTPHEADER, request.header_list);
+    }
+    if (deliverHeaders && !request.cookie.empty()) {
+        setCheckedOption(request, CURLOPT_COOKIE, request.cookie.c_str());
+    }
+}
+
+}  // namespace
+
+void WebRequest::setupRequest() { applyBaseOptions(*this, false); }
+
+void WebRequest::setupRequest_ex() { applyBaseOptions(*this, true); }
+
+// libcurl calls these from C: no exception may unwind through its frames,
+// so any escaping exception aborts the transfer as a write error instead.
+size_t WebRequest::receiveData(char* data, size_t size, size_t count, void* request) {
+    try {
+        return static_cast<size_t>(
+            static_cast<WebRequest*>(request)->receiveDataInternal(data, static_cast<int>(size * count)));
+    } catch (...) {
+        return 0;
+    }
+}
+
+size_t WebRequest::receiveHeader(char* data, size_t size, size_t count, void* request) {
+    try {
+        return static_cast<size_t>(static_cast<WebRequest*>(request)->receiveHeaderInternal(
+            data, static_cast<int>(size * count)));
+    } catch (...) {
+        return 0;
+    }
+}
+
+int WebRequest::receiveDataInternal(const char* data, int count) {
+    if (content_length < 0.0) {
+        double length = -1.0;
+        if (curl_easy_getinfo(impl_->curl_handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD, &length) != CURLE_OK) {
+            handleError();
+        }
+        if (static_cast<double>(count) <= length) content_length = static_cast<int32_t>(length);
+    }
+    auto args = std::make_shared<DataReceivedEventArgs>();
+    args->data = data;
+    args->size = count;
+    args->content_length = content_length;
+    if (impl_->on_data) impl_->on_data(args);
+    if (args->cancel) {
+        WC_LOG_DEBUG(" receiveDataInternal cancel ");
+        return 0;
+    }
+    return count;
+}
+
+int WebRequest::receiveHeaderInternal(const char* data, int count) {
+    auto args = std::make_shared<DataReceivedEventArgs>();
+    args->data = data;
+    args->size = count;
+    args->content_length = content_length;
+    if (impl_->on_header) impl_->on_header(args);
+    if (args->cancel) {
+        WC_LOG_DEBUG(" receiveDataInternal cancel ");
+        return 0;
+    }
+    return count;
+}
+
+void WebRequest::setComplete() {
+    WC_LOG_DEBUG("%p setComplete %s", static_cast<void*>(this), getPrintableUrl().c_str());
+    if (impl_->on_complete) impl_->on_complete();
+    pthread_mutex_lock(&mutex);
+    completed = true;
+    pthread_cond_signal(&cond);
+    pthread_mutex_unlock(&mutex);
+}
+
+int WebRequest::wait(int timeoutMs) {
+    if (kpu_utilities::string_con::IsDomainInUrl(url)) return 0;
+    if (impl_->curl_handle == nullptr) return 0;
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    // Whole seconds only: the millisecond remainder of the limit is dropped.
+    struct timespec deadline;
+    deadline.tv_sec = now.tv_sec + timeoutMs / 1000;
+    deadline.tv_nsec = now.tv_usec * 1000;
+    int outcome = 0;
+    pthread_mutex_lock(&mutex);
+    if (completed) {
+        pthread_mutex_unlock(&mutex);
+        return 0;
+    }
+    while (!completed && outcome == 0) outcome = pthread_cond_timedwait(&cond, &mutex, &deadline);
+    if (completed) outcome = 0;
+    pthread_mutex_unlock(&mutex);
+    const long elapsed = static_cast<long>(time(nullptr) - now.tv_sec);
+    const std::string printable = getPrintableUrl();
+    if (outcome == ETIMEDOUT) {
+        WC_LOG_ERROR("[%s]WebRequest::wait pthread_cond_timedwait timeout(%ld seconds)",
+                     printable.c_str(), elapsed);
+    } else if (outcome == 0 && elapsed > kSlowWaitWarningSeconds) {
+        WC_LOG_WARNING("[%s]WebRequest::wait pthread_cond_timedwait consumes %d seconds",
+                       printable.c_str(), static_cast<int>(elapsed));
+    } else {
+        WC_LOG_DEBUG("[%s]Get the pthread_cond_timedwait result : %d, consumes %ld seconds",
+                     printable.c_str(), outcome, elapsed);
+    }
+    return outcome == 0 ? 0 : 1;
+}
+
+void WebRequest::abort() { WebRequestManager::getInstance()->closeRequest(this); }
+
+long WebRequest::getResponseCode() {
+    long code = 0;
+    if (impl_->curl_handle == nullptr) return 0;
+    if (curl_easy_getinfo(impl_->curl_handle, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) handleError();
+    return code;
+}
+
+void WebRequest::handleError() { throw WebException(impl_->error_buffer, nullptr); }
+
+void WebRequest::EasyWebRequestPerform(void* handle) {
+    static const char kTag[] = "EasyWebRequestPerform";
+    const std::string printable = getPrintableUrl();
+    WC_LOG_DEBUG("[%s] Begin to execute easy web client for url: %s", kTag, printable.c_str());
+    impl_->result = curl_easy_perform(static_cast<CURL*>(handle));
+    if (impl_->result == CURLE_OK) return;
+    WC_LOG_ERROR("[%s] Failed to execute easy web request %s, error code: %d", kTag,
+                 printable.c_str(), static_cast<int>(impl_->result));
+    if (impl_->result == CURLE_PEER_FAILED_VERIFICATION) {
+        long verifyResult = 0;
+        if (curl_easy_getinfo(static_cast<CURL*>(handle), CURLINFO_SSL_VERIFYRESULT, &verifyResult) ==
+            CURLE_OK) {
+            WC_LOG_INFO("SSL VERIFYRESULT=%lu:%s\n", static_cast<unsigned long>(verifyResult),
+                        X509_verify_cert_error_string(verifyResult));
+        }
+    }
+}
+
+std::string WebRequest::getPrintableUrl() const { return get_printable_url(url); }

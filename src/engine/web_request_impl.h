@@ -1,0 +1,32 @@
+// Private state of a WebRequest, shared by the engine's translation units
+// and read by the blocking client (result and error text).
+#pragma once
+
+#include <memory>
+
+#include <curl/curl.h>
+
+#include "webclient/web_handle.h"
+#include "webclient/web_request.h"
+
+struct WebRequest::impl {
+    CURL* curl_handle = nullptr;
+    std::shared_ptr<WebHandle> web_handle;
+    char error_buffer[CURL_ERROR_SIZE] = {};
+    CURLcode result = CURLE_OK;
+    curl_httppost* form_post = nullptr;
+    DataReceivedCallback on_data;
+    DataReceivedCallback on_header;
+    CompletionCallback on_complete;
+    // True exactly while this request owns a read hold on the trust store's
+    // CA file (taken by setupSecureRequest, given back by the destructor).
+    bool holds_ca_file = false;
+};
+
+// Sets an option whose failure must abort the set-up (throws WebException).
+template <typename Value>
+void setCheckedOption(WebRequest& request, CURLoption option, Value value) {
+    if (curl_easy_setopt(request.impl_->curl_handle, option, value) != CURLE_OK) {
+        request.handleError();
+    }
+}

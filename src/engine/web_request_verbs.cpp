@@ -1,0 +1,272 @@
+// The asynchronous verbs. Every verb runs the same submission steps (take
+// headers and callbacks, common set-up, TLS set-up, the verb's own options,
+// dispatch); they differ only in their method, credentials and body.
+#include <sys/stat.h>
+
+#include "engine/web_request_impl.h"
+#include "util/log.h"
+#include "webclient/host.h"
+#include "webclient/webRequestcontroller.h"
+
+namespace {
+
+// Steps before the verb's own options. False when the request has no easy
+// handle: then nothing is configured or started.
+bool prepare(WebRequest& request, const std::vector<std::string>* headers,
+             const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
+             const CompletionCallback& onDone) {
+    if (request.impl_->curl_handle == nullptr) return false;
+    if (headers != nullptr) request.headers = *headers;
+    request.impl_->on_data = onData;
+    if (onHeader != nullptr) request.impl_->on_header = *onHeader;
+    request.impl_->on_complete = onDone;
+    if (onHeader != nullptr) {
+        request.setupRequest_ex();
+    } else {
+        request.setupRequest();
+    }
+    if (request.use_ssl) request.setupSecureRequest();
+    return true;
+}
+
+void setCredentials(WebRequest& request, const std::string& user, const std::string& password) {
+    if (user.empty() || password.empty()) return;
+    const std::string userPassword = user + ":" + password;  // libcurl keeps its own copy
+    curl_easy_setopt(request.impl_->curl_handle, CURLOPT_USERPWD, userPassword.c_str());
+}
+
+void setCustomMethod(WebRequest& request, const char* method) {
+    curl_easy_setopt(request.impl_->curl_handle, CURLOPT_CUSTOMREQUEST, method);
+}
+
+// The body is not copied: libcurl reads it up to its first NUL during the
+// transfer, so the caller keeps it alive until the transfer has ended.
+void setBody(WebRequest& request, const std::string& body) {
+    curl_easy_setopt(request.impl_->curl_handle, CURLOPT_POSTFIELDS, body.c_str());
+}
+
+void setCheckedPost(WebRequest& request, const std::string& body) {
+    setCheckedOption(request, CURLOPT_POSTFIELDS, body.c_str());
+}
+
+// Domain-name URLs run here and now; numeric addresses go to the backend.
+void dispatch(WebRequest& request) {
+    if (kpu_utilities::string_con::IsDomainInUrl(request.url)) {
+        request.EasyWebRequestPerform(request.impl_->curl_handle);
+    } else {
+        WebRequestManager::getInstance()->beginRequest(&request);
+    }
+}
+
+void runGet(WebRequest& request, const std::vector<std::string>* headers, const std::string& user,
+            const std::string& password, const DataReceivedCallback& onData,
+            const DataReceivedCallback* onHeader, const CompletionCallback& onDone) {
+    if (!prepare(request, headers, onData, onHeader, onDone)) return;
+    setCredentials(request, user, password);
+    dispatch(request);
+}
+
+void runPost(WebRequest& request, const std::vector<std::string>& headers, const std::string& user,
+             const std::string& password, const std::string& body,
+             const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
+             const CompletionCallback& onDone) {
+    if (!prepare(request, &headers, onData, onHeader, onDone)) return;
+    setCheckedOption(request, CURLOPT_POST, 1L);
+    setCredentials(request, user, password);
+    setCheckedPost(request, body);
+    dispatch(request);
+}
+
+// PUT, PATCH and DELETE (a null body sends none).
+void runCustom(WebRequest& request, const char* method, const std::vector<std::string>& headers,
+               const std::string& user, const std::string& password, const std::string* body,
+               const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
+               const CompletionCallback& onDone) {
+    if (!prepare(request, &headers, onData, onHeader, onDone)) return;
+    setCustomMethod(request, method);
+    setCredentials(request, user, password);
+    if (body != nullptr) setBody(request, *body);
+    dispatch(request);
+}
+
+// One part per form field (map order), then the file part.
+curl_httppost* buildForm(const std::map<std::string, std::string>* formFields,
+                         const std::string& fieldName, const std::string& filePath) {
+    curl_httppost* first = nullptr;
+    curl_httppost* last = nullptr;
+    if (formFields != nullptr) {
+        for (const auto& field : *formFields) {
+            curl_formadd(&first, &last, CURLFORM_COPYNAME, field.first.c_str(), CURLFORM_COPYCONTENTS,
+                         field.second.c_str(), CURLFORM_END);
+        }
+    }
+    curl_formadd(&first, &last, CURLFORM_COPYNAME, fieldName.c_str(), CURLFORM_FILE,
+                 filePath.c_str(), CURLFORM_CONTENTTYPE, "application/octet-stream", CURLFORM_END);
+    return first;
+}
+
+void runFormUpload(WebRequest& request, const std::vector<std::string>& headers,
+                   const std::string& user, const std::string& password,
+                   const std::map<std::string, std::string>* formFields,
+                   const std::string& fieldName, const std::string& filePath,
+                   const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
+                   const CompletionCallback& onDone) {
+    if (!prepare(request, &headers, onData, onHeader, onDone)) return;
+    setCredentials(request, user, password);
+    CURL* handle = request.impl_->curl_handle;
+    if (!filePath.empty()) {
+        request.impl_->form_post = buildForm(formFields, fieldName, filePath);
+        curl_easy_setopt(handle, CURLOPT_HTTPPOST, request.impl_->form_post);
+    } else {
+        curl_easy_setopt(handle, CURLOPT_POST, 1L);
+        // Without a body libcurl would read one from its default source,
+        // the process's standard input; an explicit empty body prevents that.
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, "");
+    }
+    dispatch(request);
+}
+
+const std::string kNoUser;
+
+}  // namespace
+
+void WebRequest::getAsync(std::vector<std::string>& headers, DataReceivedCallback const& onData,
+                          CompletionCallback const& onDone) {
+    runGet(*this, &headers, kNoUser, kNoUser, onData, nullptr, onDone);
+}
+
+void WebRequest::getAsync(std::string const& user, std::string const& password,
+                          std::vector<std::string>& headers, DataReceivedCallback const& onData,
+                          CompletionCallback const& onDone) {
+    runGet(*this, &headers, user, password, onData, nullptr, onDone);
+}
+
+void WebRequest::getAsync(std::string const& user, std::string const& password,
+                          std::vector<std::string>& headers, DataReceivedCallback const& onData,
+                          DataReceivedCallback const& onHeader, CompletionCallback const& onDone) {
+    runGet(*this, &headers, user, password, onData, &onHeader, onDone);
+}
+
+void WebRequest::getAsync(std::string const& user, std::string const& password,
+                          std::string const& cookie, std::vector<std::string>& headers,
+                          DataReceivedCallback const& onData, DataReceivedCallback const& onHeader,
+                          CompletionCallback const& onDone) {
+    if (impl_->curl_handle == nullptr) return;
+    this->cookie = cookie;  // stored first so that the set-up sends it
+    runGet(*this, &headers, user, password, onData, &onHeader, onDone);
+}
+
+void WebRequest::downloadAsync(DataReceivedCallback const& onData, CompletionCallback const& onDone) {
+    runGet(*this, nullptr, kNoUser, kNoUser, onData, nullptr, onDone);
+}
+
+void WebRequest::downloadAsync(std::string const& user, std::string const& password,
+                               std::vector<std::string>& headers, DataReceivedCallback const& onData,
+                               CompletionCallback const& onDone) {
+    runGet(*this, &headers, user, password, onData, nullptr, onDone);
+}
+
+void WebRequest::downloadAsync(std::string const& user, std::string const& password,
+                               std::vector<std::string>& headers, DataReceivedCallback const& onData,
+                               DataReceivedCallback const& onHeader, CompletionCallback const& onDone) {
+    runGet(*this, &headers, user, password, onData, &onHeader, onDone);
+}
+
+void WebRequest::postAsync(std::string const& body, std::vector<std::string>& headers,
+                           DataReceivedCallback const& onData, CompletionCallback const& onDone) {
+    runPost(*this, headers, kNoUser, kNoUser, body, onData, nullptr, onDone);
+}
+
+void WebRequest::postAsync(std::string const& user, std::string const& password,
+                           std::string const& body, std::vector<std::string>& headers,
+                           DataReceivedCallback const& onData, CompletionCallback const& onDone) {
+    runPost(*this, headers, user, password, body, onData, nullptr, onDone);
+}
+
+void WebRequest::postAsync(std::string const& user, std::string const& password,
+                           std::string const& body, std::vector<std::string>& headers,
+                           DataReceivedCallback const& onData, DataReceivedCallback const& onHeader,
+                           CompletionCallback const& onDone) {
+    runPost(*this, headers, user, password, body, onData, &onHeader, onDone);
+}
+
+void WebRequest::putAsync(std::string const& body, std::vector<std::string>& headers,
+                          DataReceivedCallback const& onData, CompletionCallback const& onDone) {
+    runCustom(*this, "PUT", headers, kNoUser, kNoUser, &body, onData, nullptr, onDone);
+}
+
+void WebRequest::putAsync(std::string const& user, std::string const& password,
+                          std::string const& body, std::vector<std::string>& headers,
+                          DataReceivedCallback const& onData, CompletionCallback const& onDone) {
+    runCustom(*this, "PUT", headers, user, password, &body, onData, nullptr, onDone);
+}
+
+void WebRequest::putAsync(std::string const& user, std::string const& password,
+                          std::string const& body, std::vector<std::string>& headers,
+                          DataReceivedCallback const& onData, DataReceivedCallback const& onHeader,
+                          CompletionCallback const& onDone) {
+    runCustom(*this, "PUT", headers, user, password, &body, onData, &onHeader, onDone);
+}
+
+void WebRequest::patchAsync(std::string const& user, std::string const& password,
+                            std::string const& body, std::vector<std::string>& headers,
+                            DataReceivedCallback const& onData, CompletionCallback const& onDone) {
+    runCustom(*this, "PATCH", headers, user, password, &body, onData, nullptr, onDone);
+}
+
+void WebRequest::patchAsync(std::string const& user, std::string const& password,
+                            std::string const& body, std::vector<std::string>& headers,
+                            DataReceivedCallback const& onData, DataReceivedCallback const& onHeader,
+                            CompletionCallback const& onDone) {
+    runCustom(*this, "PATCH", headers, user, password, &body, onData, &onHeader, onDone);
+}
+
+void WebRequest::deleteAsync(std::string const& user, std::string const& password,
+                             std::vector<std::string>& headers, DataReceivedCallback const& onData,
+                             CompletionCallback const& onDone) {
+    runCustom(*this, "DELETE", headers, user, password, nullptr, onData, nullptr, onDone);
+}
+
+void WebRequest::deleteAsync(std::string const& user, std::string const& password,
+                             std::vector<std::string>& headers, DataReceivedCallback const& onData,
+                             DataReceivedCallback const& onHeader, CompletionCallback const& onDone) {
+    runCustom(*this, "DELETE", headers, user, password, nullptr, onData, &onHeader, onDone);
+}
+
+void WebRequest::uploadAsync(std::string const& user, std::string const& password,
+                             std::vector<std::string>& headers, FILE* stream,
+                             DataReceivedCallback const& onData, CompletionCallback const& onDone) {
+    if (!prepare(*this, &headers, onData, nullptr, onDone)) return;
+    setCredentials(*this, user, password);
+    if (stream != nullptr) {
+        struct stat info;
+        if (fstat(fileno(stream), &info) != 0) {
+            WC_LOG_DEBUG("uploadAsync failed to get information of upload file");
+            return;
+        }
+        curl_easy_setopt(impl_->curl_handle, CURLOPT_UPLOAD, 1L);
+        curl_easy_setopt(impl_->curl_handle, CURLOPT_READDATA, stream);
+        curl_easy_setopt(impl_->curl_handle, CURLOPT_INFILESIZE_LARGE,
+                         static_cast<curl_off_t>(info.st_size));
+    }
+    dispatch(*this);
+}
+
+void WebRequest::uploadAsyncByPost(std::string const& user, std::string const& password,
+                                   std::vector<std::string>& headers, std::string const& fieldName,
+                                   std::string const& filePath, DataReceivedCallback const& onData,
+                                   CompletionCallback const& onDone) {
+    runFormUpload(*this, headers, user, password, nullptr, fieldName, filePath, onData, nullptr,
+                  onDone);
+}
+
+void WebRequest::uploadAsyncByPost(std::string const& user, std::string const& password,
+                                   std::vector<std::string>& headers,
+                                   std::map<std::string, std::string>& formFields,
+                                   std::string const& fieldName, std::string const& filePath,
+                                   DataReceivedCallback const& onData,
+                                   DataReceivedCallback const& onHeader,
+                                   CompletionCallback const& onDone) {
+    runFormUpload(*this, headers, user, password, &formFields, fieldName, filePath, onData,
+                  &onHeader, onDone);
+}
