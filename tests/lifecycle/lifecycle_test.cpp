@@ -1,0 +1,69 @@
+// The backend's whole life in one process: before start, start, a stop that
+// waits for running transfers, and the inert state after it. One test,
+// because a stopped backend is never restarted within a process.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "support/log_capture.h"
+#include "support/server_util.h"
+#include "webclient/flat_api.h"
+#include "webclient/webRequestcontroller.h"
+#include "webclient/web_handle.h"
+#include "webclient/web_request.h"
+
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+void expectNotDrivenBeforeStart(WebRequestManager& backend, const std::string& url) {
+    backend.stopBackEnd();  // before any start: only clears the running flag
+    EXPECT_NE(backend.controller->multi, nullptr);
+    WebRequest early(url, "GET", false);
+    early.downloadAsync([](std::shared_ptr<DataReceivedEventArgs>) {}, {});
+    EXPECT_EQ(early.wait(1000), 1) << "registered, but nothing drives it yet";
+}
+
+void expectSecondStartIsFree(WebRequestManager& backend) {
+    const auto start = Clock::now();
+    backend.initBackEnd();
+    EXPECT_GE(Clock::now() - start, std::chrono::seconds(5));
+    const auto again = Clock::now();
+    backend.initBackEnd();
+    EXPECT_LT(Clock::now() - again, std::chrono::milliseconds(500));
+}
+
+}  // namespace
+
+TEST(BackendLifecycle, StartStopAndInertAfterwards) {
+    TestServer server;
+    WebRequestManager& backend = *WebRequestManager::getInstance();
+    expectNotDrivenBeforeStart(backend, serverUrl(server, "127.0.0.1", "/echo"));
+    expectSecondStartIsFree(backend);
+
+    // A stop waits for the transfer that is running.
+    std::atomic<bool> transferDone{false}, started{false};
+    std::thread owner([&] {
+        WebRequest slow(serverUrl(server, "127.0.0.1", "/slow/40000?chunk=10000&delay_ms=300"), "GET", false);
+        slow.downloadAsync([&](std::shared_ptr<DataReceivedEventArgs>) { started = true; },
+                           [&] { transferDone = true; });
+        slow.wait(10000);
+    });
+    while (!started) std::this_thread::yield();
+    backend.stopBackEnd();
+    EXPECT_TRUE(transferDone) << "stop returned before the running transfer ended";
+    owner.join();
+    EXPECT_EQ(backend.controller->multi, nullptr);
+
+    LogCapture log;
+    WebRequest after(serverUrl(server, "127.0.0.1", "/echo"), "GET", false);
+    EXPECT_EQ(log.count("WebRequest handle is NULL"), 1u);
+    EXPECT_FALSE(WebHandleManager::getInstance()->GetWebHandle("http://192.0.2.1/", "GET"));
+    EXPECT_EQ(log.countContaining("return empty handle"), 0u) << "a cleared pool refuses silently";
+    EXPECT_FALSE(WebHandleManager::getInstance()->GetWebHandle("http://0.0.0.0/", "GET"));
+    EXPECT_EQ(log.countContaining("return empty handle"), 1u);
+    initCurlBackEnd();  // does not bring the pool back
+    EXPECT_FALSE(WebHandleManager::getInstance()->GetWebHandle("http://192.0.2.1/", "GET"));
+}

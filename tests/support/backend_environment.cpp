@@ -1,0 +1,13 @@
+#include "support/backend_environment.h"
+
+#include "webclient/webRequestcontroller.h"
+
+void BackendEnvironment::SetUp() { WebRequestManager::getInstance()->initBackEnd(); }
+
+void BackendEnvironment::TearDown() { WebRequestManager::getInstance()->stopBackEnd(); }
+
+int runTestsWithBackend(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    ::testing::AddGlobalTestEnvironment(new BackendEnvironment());
+    return RUN_ALL_TESTS();
+}

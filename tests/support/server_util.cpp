@@ -1,0 +1,208 @@
+#include "support/server_util.h"
+
+#include <curl/curl.h>
+#include <strings.h>
+
+#include <chrono>
+#include <sstream>
+
+namespace {
+
+int intParam(const httplib::Request& request, const char* name, int fallback) {
+    return request.has_param(name) ? std::stoi(request.get_param_value(name)) : fallback;
+}
+
+// Describes what arrived, for tests that only look at the body.
+std::string describe(const RecordedRequest& seen) {
+    std::ostringstream text;
+    text << seen.method << " " << seen.path << "\n";
+    for (const auto& header : seen.headers) text << header.first << ": " << header.second << "\n";
+    text << "\n" << seen.body;
+    for (const auto& part : seen.parts) text << "\npart " << part.name << "=" << part.content;
+    return text.str();
+}
+
+}  // namespace
+
+std::string pattern(size_t length) {
+    std::string bytes(length, '\0');
+    for (size_t i = 0; i < length; ++i) bytes[i] = static_cast<char>('a' + i % 26);
+    return bytes;
+}
+
+TestServer::TestServer(const std::string& address, const Setup& setup)
+    : server_(new httplib::Server()) {
+    start(address, setup);
+}
+
+TestServer::TestServer(const TlsFiles& tls, const std::string& address, const Setup& setup)
+    : server_(new httplib::SSLServer(tls.certificate.c_str(), tls.key.c_str())), tls_(true) {
+    start(address, setup);
+}
+
+void TestServer::start(const std::string& address, const Setup& setup) {
+    addStandardEndpoints();
+    // Shutdown waits for idle keep-alive connections to time out.
+    server_->set_keep_alive_timeout(1);
+    if (setup) setup(*server_);
+    port_ = server_->bind_to_any_port(address.c_str());
+    listener_ = std::thread([this] { server_->listen_after_bind(); });
+    while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+TestServer::~TestServer() {
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        stopped_ = true;
+    }
+    stopping_.notify_all();
+    server_->stop();
+    listener_.join();
+}
+
+std::string TestServer::url(const std::string& host, const std::string& path) const {
+    return std::string(tls_ ? "https://" : "http://") + host + ":" + std::to_string(port_) + path;
+}
+
+std::vector<RecordedRequest> TestServer::requests() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return requests_;
+}
+
+void TestServer::clearRequests() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    requests_.clear();
+}
+
+void TestServer::serveBytes(const std::string& path, const std::string& body, int status) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    served_[path] = {status, body};
+}
+
+void TestServer::record(const httplib::Request& request) {
+    RecordedRequest seen;
+    seen.method = request.method;
+    seen.path = request.path;
+    for (const auto& header : request.headers) seen.headers.insert(header);
+    seen.body = request.body;
+    for (const auto& file : request.files) {
+        seen.parts.push_back({file.second.name, file.second.filename, file.second.content_type,
+                              file.second.content});
+    }
+    std::lock_guard<std::mutex> guard(mutex_);
+    requests_.push_back(std::move(seen));
+}
+
+bool TestServer::stallFor(int milliseconds) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return !stopping_.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return stopped_; });
+}
+
+void TestServer::addStandardEndpoints() {
+    auto echo = [this](const httplib::Request& req, httplib::Response& res) {
+        record(req);
+        res.set_content(describe(requests().back()), "text/plain");
+    };
+    server_->Get("/echo", echo);
+    server_->Post("/echo", echo);
+    server_->Put("/echo", echo);
+    server_->Patch("/echo", echo);
+    server_->Delete("/echo", echo);
+    server_->Get(R"(/status/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+        record(req);
+        res.status = std::stoi(req.matches[1]);
+        res.set_content("status " + std::string(req.matches[1]), "text/plain");
+    });
+    server_->Post("/empty", [this](const httplib::Request& req, httplib::Response&) { record(req); });
+    server_->Get("/empty", [this](const httplib::Request& req, httplib::Response&) { record(req); });
+    server_->Get("/redirect", [this](const httplib::Request& req, httplib::Response& res) {
+        record(req);
+        res.set_redirect(req.get_param_value("to"));
+    });
+    server_->Get(R"(/bytes/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+        record(req);
+        res.set_content(pattern(std::stoul(req.matches[1])), "application/octet-stream");
+    });
+    server_->Get(R"(/bytes-chunked/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+        record(req);
+        auto body = std::make_shared<std::string>(pattern(std::stoul(req.matches[1])));
+        res.set_chunked_content_provider("application/octet-stream",
+                                         [body](size_t offset, httplib::DataSink& sink) {
+                                             const size_t n = std::min<size_t>(16384, body->size() - offset);
+                                             if (n == 0) {
+                                                 sink.done();
+                                                 return true;
+                                             }
+                                             sink.write(body->data() + offset, n);
+                                             return true;
+                                         });
+    });
+    server_->Get(R"(/slow/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+        record(req);
+        const size_t total = std::stoul(req.matches[1]);
+        const size_t chunk = static_cast<size_t>(intParam(req, "chunk", 16384));
+        const int delay = intParam(req, "delay_ms", 10);
+        auto body = std::make_shared<std::string>(pattern(total));
+        res.set_content_provider(total, "application/octet-stream",
+                                 [this, body, chunk, delay](size_t offset, size_t, httplib::DataSink& sink) {
+                                     if (offset > 0 && !stallFor(delay)) return false;
+                                     sink.write(body->data() + offset, std::min(chunk, body->size() - offset));
+                                     return true;
+                                 });
+    });
+    server_->Get("/stall", [this](const httplib::Request& req, httplib::Response& res) {
+        record(req);
+        stallFor(intParam(req, "ms", 1000));
+        res.set_content("stalled", "text/plain");
+    });
+    server_->Get("/close-mid-body", [this](const httplib::Request& req, httplib::Response& res) {
+        record(req);
+        const size_t total = static_cast<size_t>(intParam(req, "n", 100000));
+        auto body = std::make_shared<std::string>(pattern(total));
+        res.set_content_provider(total, "application/octet-stream",
+                                 [body](size_t offset, size_t, httplib::DataSink& sink) {
+                                     if (offset >= body->size() / 2) return false;  // drop the connection
+                                     sink.write(body->data() + offset, body->size() / 2 - offset);
+                                     return true;
+                                 });
+    });
+    server_->Get(R"(/served/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
+        record(req);
+        std::lock_guard<std::mutex> guard(mutex_);
+        auto found = served_.find(req.path);
+        if (found == served_.end()) {
+            res.status = 404;
+            return;
+        }
+        res.status = found->second.first;
+        res.set_content(found->second.second, "application/octet-stream");
+    });
+}
+
+std::string serverUrl(const TestServer& server, const std::string& host, const std::string& path) {
+    return server.url(host, path);
+}
+
+RecordedRequest lastRequest(const TestServer& server) {
+    std::vector<RecordedRequest> all = server.requests();
+    return all.empty() ? RecordedRequest() : all.back();
+}
+
+std::string headerOf(const RecordedRequest& request, const std::string& name) {
+    for (const auto& header : request.headers) {
+        if (strcasecmp(header.first.c_str(), name.c_str()) == 0) return header.second;
+    }
+    return std::string();
+}
+
+long fetchStatus(const std::string& url) {
+    CURL* handle = curl_easy_init();
+    long status = 0;
+    curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION,
+                     +[](char*, size_t size, size_t count, void*) { return size * count; });
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT, 10L);
+    if (curl_easy_perform(handle) == CURLE_OK) curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_cleanup(handle);
+    return status;
+}

@@ -1,0 +1,156 @@
+#include "cli_options.h"
+
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+namespace {
+
+const std::set<std::string> kVerbs = {"get", "post", "put", "patch", "delete",
+                                      "upload", "download", "trust", "demo"};
+const std::set<std::string> kBodyVerbs = {"post", "put", "patch"};
+
+bool readFile(const std::string& path, std::string& contents) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    std::ostringstream buffer;
+    buffer << in.rdbuf();
+    contents = buffer.str();
+    return true;
+}
+
+// "-F name=value" adds a form field; "-F name=@path" names the file part.
+bool addFormEntry(const std::string& entry, CliOptions& options, std::string& error) {
+    const size_t eq = entry.find('=');
+    if (eq == std::string::npos || eq == 0) {
+        error = "-F expects name=value or name=@file, got '" + entry + "'";
+        return false;
+    }
+    const std::string name = entry.substr(0, eq), value = entry.substr(eq + 1);
+    if (!value.empty() && value[0] == '@') {
+        if (!options.filePath.empty()) {
+            error = "upload takes exactly one file part (name=@file)";
+            return false;
+        }
+        options.fileField = name;
+        options.filePath = value.substr(1);
+    } else {
+        options.formFields[name] = value;
+    }
+    return true;
+}
+
+bool splitCredentials(const std::string& text, CliOptions& options, std::string& error) {
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos) {
+        error = "-u expects USER:PASSWORD";
+        return false;
+    }
+    options.user = text.substr(0, colon);
+    options.password = text.substr(colon + 1);
+    return true;
+}
+
+bool takeValue(int argc, char** argv, int& i, std::string& value, std::string& error) {
+    if (i + 1 >= argc) {
+        error = std::string("option ") + argv[i] + " needs a value";
+        return false;
+    }
+    value = argv[++i];
+    return true;
+}
+
+// Handles one option at argv[i]; false on a usage error.
+bool parseOption(int argc, char** argv, int& i, CliOptions& options, std::string& error) {
+    const std::string arg = argv[i];
+    std::string value;
+    if (arg == "-h" || arg == "--help") return options.help = true;
+    if (arg == "-i" || arg == "--include") return options.showHeaders = true;
+    if (arg == "--ssl") return options.useSsl = true;
+    if (arg == "-v" || arg == "--verbose") return options.verbose = true;
+    if (arg == "-u" || arg == "--user") {
+        return takeValue(argc, argv, i, value, error) && splitCredentials(value, options, error);
+    }
+    if (arg == "-H" || arg == "--header") {
+        if (!takeValue(argc, argv, i, value, error)) return false;
+        if (value.find(':') == std::string::npos) {
+            error = "-H expects 'Name: value'";
+            return false;
+        }
+        options.headers.push_back(value);
+        return true;
+    }
+    if (arg == "-d" || arg == "--data") {
+        options.hasData = true;
+        return takeValue(argc, argv, i, options.data, error);
+    }
+    if (arg == "--data-file") {
+        if (!takeValue(argc, argv, i, value, error)) return false;
+        options.hasData = true;
+        if (readFile(value, options.data)) return true;
+        error = "cannot read --data-file " + value;
+        return false;
+    }
+    if (arg == "--cookie" || arg == "-b") return takeValue(argc, argv, i, options.cookie, error);
+    if (arg == "-o" || arg == "--output") return takeValue(argc, argv, i, options.outputFile, error);
+    if (arg == "-F" || arg == "--form") {
+        return takeValue(argc, argv, i, value, error) && addFormEntry(value, options, error);
+    }
+    error = "unknown option " + arg;
+    return false;
+}
+
+bool checkVerbArguments(const CliOptions& options, std::string& error) {
+    if (options.verb == "demo") return true;
+    if (options.verb == "trust") {
+        if (options.url == "status" || options.url == "refresh") return true;
+        error = "trust expects 'status' or 'refresh'";
+        return false;
+    }
+    if (options.url.empty()) {
+        error = options.verb + " needs a URL";
+        return false;
+    }
+    if (options.hasData && kBodyVerbs.count(options.verb) == 0) {
+        error = "-d/--data-file only go with post, put and patch";
+        return false;
+    }
+    if (options.verb == "upload" && options.filePath.empty()) {
+        error = "upload needs a file part: -F name=@file";
+        return false;
+    }
+    if (options.verb == "download" && options.outputFile.empty()) {
+        error = "download needs -o FILE";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool parseCommandLine(int argc, char** argv, CliOptions& options, std::string& error) {
+    for (int i = 1; i < argc; ++i) {
+        const char* arg = argv[i];
+        if (arg[0] == '-' && std::strlen(arg) > 1) {
+            if (!parseOption(argc, argv, i, options, error)) return false;
+        } else if (options.verb.empty()) {
+            if (kVerbs.count(arg) == 0) {
+                error = std::string("unknown command '") + arg + "'";
+                return false;
+            }
+            options.verb = arg;
+        } else if (options.url.empty()) {
+            options.url = arg;
+        } else {
+            error = std::string("unexpected argument '") + arg + "'";
+            return false;
+        }
+    }
+    if (options.help) return true;
+    if (options.verb.empty()) {
+        error = "no command given";
+        return false;
+    }
+    return checkVerbArguments(options, error);
+}

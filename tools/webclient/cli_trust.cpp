@@ -1,0 +1,50 @@
+// `webclient trust status|refresh`.
+#include <cstdio>
+
+#include "cli_commands.h"
+#include "webclient/ca_bundle.h"
+#include "webclient/host.h"
+
+namespace {
+
+const char* statusName(int status) {
+    switch (status) {
+    case 0: return "idle (no current result)";
+    case 1: return "refreshing";
+    case 2: return "ready";
+    case 3: return "failed";
+    default: return "unknown";
+    }
+}
+
+// The status is read under the trust store's status mutex, as every reader does.
+int currentStatus(CaBundleManager& store) {
+    pthread_mutex_lock(&store.status_mutex);
+    const int status = store.bundle_status;
+    pthread_mutex_unlock(&store.status_mutex);
+    return status;
+}
+
+void printStatus(CaBundleManager& store) {
+    const int status = currentStatus(store);
+    std::printf("status:             %d %s\n", status, statusName(status));
+    std::printf("CA file:            %s\n", store.ca_file.empty() ? "(none yet)" : store.ca_file.c_str());
+    std::printf("CA file on disk:    %s\n",
+                !store.ca_file.empty() && isFileExist(store.ca_file.c_str()) ? "yes" : "no");
+    std::printf("certificate dir:    %s\n", store.cert_dir.c_str());
+    std::printf("bundle source:      %s\n", store.download_url.c_str());
+    std::printf("shipped fallback:   %s\n", store.use_default_bundle ? "allowed" : "no longer used");
+}
+
+}  // namespace
+
+int runTrustCommand(const CliOptions& options) {
+    CaBundleManager& store = *CaBundleProvider::GetInstance();
+    if (options.url == "refresh") {
+        std::printf("refreshing the CA bundle...\n");
+        refreshCaBundle();
+    }
+    printStatus(store);
+    if (options.url == "refresh") return currentStatus(store) == 2 ? kExitOk : kExitTransferFailed;
+    return kExitOk;
+}

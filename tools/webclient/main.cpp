@@ -1,0 +1,40 @@
+// webclient: a command-line program over libwebclient's public API, for
+// trying every capability and for diagnosing exchanges through exactly the
+// library's own code paths.
+#include <cstdio>
+
+#include "cli_commands.h"
+#include "cli_options.h"
+#include "cli_transfer.h"
+#include "webclient/webclient.h"
+
+namespace {
+
+// Only numeric-address URLs run on the transfer thread, and starting it
+// costs 6 s, so a domain-name URL goes without it.
+bool needsBackend(const CliOptions& options) {
+    return !kpu_utilities::string_con::IsDomainInUrl(options.url);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CliOptions options;
+    std::string error;
+    if (!parseCommandLine(argc, argv, options, error)) {
+        std::fprintf(stderr, "webclient: %s\n\n%s", error.c_str(), usageText(options.verb).c_str());
+        return kExitUsage;
+    }
+    if (options.help) {
+        std::printf("%s", usageText(options.verb).c_str());
+        return kExitOk;
+    }
+    if (options.verbose) SetWebClientLogLevel(WEBCLIENT_LOG_DEBUG);
+    if (options.verb == "demo") return runDemo(options);
+    if (options.verb == "trust") return runTrustCommand(options);
+    const bool backend = needsBackend(options);
+    if (backend) initCurlBackEnd();
+    const int status = runTransferCommand(options);
+    if (backend) stopCurlBackEnd();
+    return status;
+}
