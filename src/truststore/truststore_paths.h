@@ -1,6 +1,8 @@
-// The trust store's fixed paths. They are exact in the shipped library; the
-// test build compiles truststore_paths.cpp with WEBCLIENT_TRUSTSTORE_ROOT set
-// to a directory under the build tree, which is prepended to every path.
+// The trust store's build-time settings: its fixed paths and the time limit
+// of the extraction script. They are exact in the shipped library; the test
+// build compiles truststore_paths.cpp with WEBCLIENT_TRUSTSTORE_ROOT set to a
+// directory under the build tree, which is prepended to every path, and
+// with a short script time limit so that a hung script is tested quickly.
 #pragma once
 
 namespace truststore_paths {
@@ -13,5 +15,10 @@ extern const char* const kRootSigningCert;    // ".../RootBundleSigningCertifica
 extern const char* const kExtractScript;      // ".../bin/extract_ca_bundle.sh"
 extern const char* const kDownloadUrl;        // where the trust bundle is fetched
 extern const char* const kRoot;               // the prefix ("" when shipped)
+// How long the extraction script may run before it is killed and reaped and
+// the extraction counts as failed (120 s when shipped). A hung script would
+// otherwise keep the CA file's write lock, and with it every secure request
+// of the host, for ever.
+extern const long kExtractScriptTimeoutMs;
 
 }  // namespace truststore_paths

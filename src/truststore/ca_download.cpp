@@ -1,0 +1,188 @@
+// DownloadTask: one complete refresh of the CA bundle, run on the caller's
+// thread: download (or the shipped copy), extraction, hand-over.
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "truststore/trust_locks.h"
+#include "truststore/truststore_internal.h"
+#include "truststore/truststore_paths.h"
+#include "truststore/unique_fd.h"
+#include "util/log.h"
+#include "webclient/ca_bundle.h"
+#include "webclient/host.h"
+
+namespace {
+
+using truststore::Lock;
+using truststore::LockWrite;
+
+constexpr int kStatusRefreshing = 1;
+constexpr int kStatusReady = 2;
+constexpr int kStatusFailed = 3;
+constexpr long kDownloadTimeoutSeconds = 60;
+
+// libcurl's global state is reference-counted; the transfer engine may hold
+// its own reference meanwhile.
+class CurlGlobal {
+public:
+    CurlGlobal() : ok_(curl_global_init(CURL_GLOBAL_ALL) == CURLE_OK) {}
+    ~CurlGlobal() {
+        if (ok_) curl_global_cleanup();
+    }
+    CurlGlobal(const CurlGlobal&) = delete;
+    CurlGlobal& operator=(const CurlGlobal&) = delete;
+
+private:
+    bool ok_;
+};
+
+struct EasyCleanup {
+    void operator()(CURL* handle) const noexcept { curl_easy_cleanup(handle); }
+};
+using EasyHandle = std::unique_ptr<CURL, EasyCleanup>;
+
+CURLcode configureDownload(CURL* handle, const std::string& url, DownloadBuffer& buffer) {
+    CURLcode code = curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+    if (code == CURLE_OK) code = curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, WriteMemoryCallback);
+    if (code == CURLE_OK) code = curl_easy_setopt(handle, CURLOPT_WRITEDATA, &buffer);
+    if (code == CURLE_OK) code = curl_easy_setopt(handle, CURLOPT_USERAGENT, "libcurl-agent/1.0");
+    if (code == CURLE_OK) code = curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
+    if (code == CURLE_OK) code = curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
+    if (code == CURLE_OK) code = curl_easy_setopt(handle, CURLOPT_VERBOSE, 0L);
+    if (code == CURLE_OK) code = curl_easy_setopt(handle, CURLOPT_TIMEOUT, kDownloadTimeoutSeconds);
+    // A resolver built without threads would time out through SIGALRM,
+    // which belongs to the expiry timer.
+    if (code == CURLE_OK) code = curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    return code;
+}
+
+// Any completed transfer counts, whatever its HTTP status: the script
+// judges the content.
+bool downloadToBuffer(const std::string& url, DownloadBuffer& buffer) {
+    CurlGlobal global;
+    EasyHandle handle(curl_easy_init());
+    CURLcode code = handle ? configureDownload(handle.get(), url, buffer) : CURLE_FAILED_INIT;
+    if (code == CURLE_OK) code = curl_easy_perform(handle.get());
+    if (code != CURLE_OK) {
+        std::fprintf(stderr, "curl_easy_perform() failed. code: %d message: %s\n", static_cast<int>(code),
+                     curl_easy_strerror(code));
+        return false;
+    }
+    long responseCode = 0;
+    const CURLcode info = curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &responseCode);
+    WC_LOG_ERROR("[%d]http response_code: %ld error message: %s\n", static_cast<int>(info), responseCode,
+                 curl_easy_strerror(info));
+    WC_LOG_ERROR("%lu bytes retrieved\n", static_cast<unsigned long>(buffer.size));
+    return true;
+}
+
+bool writeBundleFile(const char* path, const DownloadBuffer& buffer) {
+    truststore::UniqueFd file(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!file.valid()) {
+        WC_LOG_ERROR("file open error. errno: %d\n", errno);
+        return false;
+    }
+    for (size_t written = 0; written < buffer.size;) {
+        const ssize_t count = ::write(file.get(), buffer.memory + written, buffer.size - written);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) {
+            WC_LOG_ERROR("file write error. errno: %d\n", errno);
+            return false;
+        }
+        written += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+bool downloadBundle(const std::string& url) {
+    DownloadBuffer buffer;
+    return downloadToBuffer(url, buffer) && writeBundleFile(truststore_paths::kDownloadedBundle, buffer);
+}
+
+bool copyShippedBundle() {
+    WC_LOG_INFO("Failed to download p7b, use default one");
+    const std::string command =
+        std::string("cp ") + truststore_paths::kShippedBundle + " " + truststore_paths::kDownloadedBundle;
+    return std::system(command.c_str()) == 0;
+}
+
+// Marks the refresh as running; false when another one already is.
+// `useDefault` gets use_default_bundle, read under the same lock.
+bool claimRefresh(CaBundleManager& manager, bool& useDefault) {
+    Lock lock(manager.status_mutex);
+    WC_LOG_INFO("[DownloadTask] current status: %d", manager.bundle_status);
+    if (manager.bundle_status == kStatusRefreshing) return false;
+    manager.bundle_status = kStatusRefreshing;
+    useDefault = manager.use_default_bundle;
+    return true;
+}
+
+void setStatus(CaBundleManager& manager, int status) {
+    Lock lock(manager.status_mutex);
+    manager.bundle_status = status;
+}
+
+// Caller holds file_lock for writing and status_mutex.
+void handOver(CaBundleManager& manager) {
+    if (!manager.ca_handler) {
+        manager.use_default_bundle = false;
+        WC_LOG_INFO("no handler to upload CAs");
+        return;
+    }
+    WC_LOG_INFO("Begin to upload CAs");
+    if (manager.ca_handler(truststore_paths::kCaBundlePem) == 0) {
+        manager.use_default_bundle = false;
+        return;
+    }
+    manager.bundle_status = kStatusFailed;
+    WC_LOG_ERROR(" failed to install CA to switch");
+}
+
+void extractAndHandOver(CaBundleManager& manager) {
+    LockWrite fileHold(&manager.file_lock);
+    Lock statusHold(manager.status_mutex);
+    if (manager.ExtractCa(truststore_paths::kDownloadedBundle, truststore_paths::kCaBundlePem) != 0) {
+        WC_LOG_ERROR(" failed to extract CA");
+        manager.bundle_status = kStatusFailed;
+        return;
+    }
+    manager.ca_file = truststore_paths::kCaBundlePem;
+    manager.bundle_status = kStatusReady;
+    handOver(manager);
+}
+
+}  // namespace
+
+size_t WriteMemoryCallback(void* contents, size_t size, size_t nmemb, void* buffer) {
+    const size_t length = size * nmemb;
+    auto* body = static_cast<DownloadBuffer*>(buffer);
+    auto* grown = static_cast<char*>(std::realloc(body->memory, body->size + length + 1));
+    if (grown == nullptr) {
+        WC_LOG_ERROR("[%s]not enough memory (realloc returned NULL)", "WriteMemoryCallback");
+        return 0;
+    }
+    body->memory = grown;
+    (void)memcpy_s_helper(grown + body->size, length + 1, contents, length);  // room is length + 1
+    body->size += length;
+    grown[body->size] = 0;
+    return length;
+}
+
+void CaBundleManager::DownloadTask() {
+    bool useDefault = false;
+    if (!claimRefresh(*this, useDefault)) return;
+    WC_LOG_INFO("[DownloadTask] Begin to download CA File");
+    if (!downloadBundle(download_url) && !(useDefault && copyShippedBundle())) {
+        WC_LOG_ERROR(" failed to download CA ");
+        setStatus(*this, kStatusFailed);
+        return;
+    }
+    extractAndHandOver(*this);
+}

@@ -1,0 +1,200 @@
+// ExtractCa: runs the extraction script through popen3 and collects its
+// standard output and error into two bounded buffers.
+//
+// Both streams are read as data arrives (poll), not one after the other: a
+// script that fills its stderr pipe before it closes stdout must not stall
+// the refresh, which holds the CA file's write lock meanwhile. The buffers
+// end up exactly as fgets_some would have filled them, and the same
+// diagnostics go to stderr.
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <initializer_list>
+#include <string>
+
+#include "truststore/child_process.h"
+#include "truststore/truststore_internal.h"
+#include "truststore/truststore_paths.h"
+#include "truststore/unique_fd.h"
+#include "util/log.h"
+#include "webclient/ca_bundle.h"
+#include "webclient/popen3.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using truststore::UniqueFd;
+
+constexpr int kOutputBufferSize = 4096;
+// Without a pidfd the child's exit can only be noticed by asking again.
+constexpr int kExitCheckIntervalMs = 50;
+
+
+// Fills a buffer in fgets_some's format from bytes that arrive in pieces:
+// one NUL-terminated string per line, a line longer than the room left
+// split as fgets would split it, and everything after a full buffer dropped.
+class LineCollector {
+public:
+    LineCollector(char* buffer, int size, int fd) : buffer_(buffer), size_(size), fd_(fd) {
+        std::fprintf(stderr, "fd: %d\n", fd_);
+    }
+
+    void append(const char* data, size_t length) {
+        for (size_t i = 0; i < length && !full_; ++i) {
+            buffer_[start_ + length_++] = data[i];
+            if (data[i] == '\n' || length_ == room() - 1) closeString();
+        }
+    }
+
+    void endOfStream() {
+        if (length_ > 0 && !full_) closeString();
+        std::fprintf(stderr, "fgets reach stream EOF\n");
+    }
+
+    void readError() { std::fprintf(stderr, "fgets got an error: %d\n", 1); }
+
+private:
+    int room() const { return size_ - start_; }
+
+    void closeString() {
+        const size_t increase = static_cast<size_t>(length_) + 1;
+        start_ += length_ + 1;
+        length_ = 0;
+        std::fprintf(stderr, "fgets ok. increase: %zu remain: %d\n", increase, room());
+        // fgets with a room of 1 stores just the NUL.
+        if (room() == 1) closeString();
+        if (room() == 0) markFull();
+    }
+
+    void markFull() {
+        full_ = true;
+        std::fprintf(stderr, "Buffer full. Waste stream.\n");
+        std::fprintf(stderr, "fd: %d\n", fd_);
+    }
+
+    char* buffer_;
+    int size_;
+    int fd_;
+    int start_ = 0;   // where the string being filled starts
+    int length_ = 0;  // its characters so far (the buffer's zeros end it)
+    bool full_ = false;
+};
+
+struct StreamReader {
+    StreamReader(FILE* stream, char* buffer)
+        : fd(fileno(stream)), collector(buffer, kOutputBufferSize, fd), done(false) {}
+
+    int fd;
+    LineCollector collector;
+    bool done;
+
+    // Reads what is there; done at end of stream or on an error.
+    void readAvailable() {
+        char chunk[kOutputBufferSize];
+        const ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got > 0) {
+            collector.append(chunk, static_cast<size_t>(got));
+        } else if (got == 0) {
+            collector.endOfStream();
+            done = true;
+        } else if (errno != EINTR && errno != EAGAIN) {
+            collector.readError();
+            done = true;
+        }
+    }
+};
+
+// Whether the child has exited, without reaping it: pclose3 does that.
+bool childExited(pid_t pid) {
+    siginfo_t info{};
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return true;
+    return info.si_pid == pid;
+}
+
+// Through syscall(): older C libraries have no wrapper. -1 when the kernel
+// has no pidfds; the exit is then polled for.
+int openPidFd(pid_t pid) {
+#ifdef SYS_pidfd_open
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+#else
+    (void)pid;
+    return -1;
+#endif
+}
+
+int millisecondsLeft(Clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    return left.count() <= 0 ? 0 : static_cast<int>(std::min<long long>(left.count(), 60000));
+}
+
+// Reads both streams until both have ended and the child has exited, or
+// until the deadline. False when the deadline passed first.
+bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::time_point deadline) {
+    UniqueFd pidFd(openPidFd(pid));
+    bool exited = false;
+    while (!(out.done && err.done && exited)) {
+        const int left = millisecondsLeft(deadline);
+        if (left == 0) return false;
+        pollfd fds[3];
+        nfds_t count = 0;
+        for (StreamReader* reader : {&out, &err})
+            if (!reader->done) fds[count++] = pollfd{reader->fd, POLLIN, 0};
+        if (!exited && pidFd.valid()) fds[count++] = pollfd{pidFd.get(), POLLIN, 0};
+        const int wait = (exited || pidFd.valid()) ? left : std::min(left, kExitCheckIntervalMs);
+        if (::poll(fds, count, wait) < 0 && errno != EINTR) return false;
+        for (nfds_t i = 0; i < count; ++i) {
+            if (fds[i].revents == 0) continue;
+            if (fds[i].fd == out.fd && !out.done) out.readAvailable();
+            if (fds[i].fd == err.fd && !err.done) err.readAvailable();
+        }
+        if (!exited) exited = childExited(pid);
+    }
+    return true;
+}
+
+std::string extractCommand(std::string const& bundle, std::string const& output) {
+    return std::string(truststore_paths::kExtractScript) + " " + truststore_paths::kRootSigningCert + " " +
+           bundle + " " + output;
+}
+
+}  // namespace
+
+namespace truststore {
+
+
+}  // namespace truststore
+
+int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& output) {
+    const std::string command = extractCommand(bundle, output);
+    const long long limitMs = truststore_paths::kExtractScriptTimeoutMs;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limitMs);
+    popen3_streams streams = popen3(command.c_str());
+    const pid_t pid = truststore::popen3_child_pid(streams);
+    if (pid == 0) return -1;
+
+    char outBuffer[kOutputBufferSize] = {};
+    char errBuffer[kOutputBufferSize] = {};
+    StreamReader out(streams.child_out, outBuffer);
+    StreamReader err(streams.child_err, errBuffer);
+    const bool finished = collectUntilExit(pid, out, err, deadline);
+    if (!finished) {
+        WC_LOG_ERROR("[ExtractCa] %s still running after %lld ms, killed", command.c_str(), limitMs);
+        (void)kill(pid, SIGKILL);  // not reaped yet, so the pid is still ours
+    }
+    WC_LOG_DEBUG("%s stdout: %s\n", command.c_str(), outBuffer);
+    WC_LOG_DEBUG("%s stderr: %s\n", command.c_str(), errBuffer);
+
+    const int status = pclose3(streams);
+    (void)print_exit_code(status);
+    // A script cut off at the deadline did not finish its job, even if the
+    // shell itself had already exited.
+    return (!finished && status == 0) ? SIGKILL : status;
+}

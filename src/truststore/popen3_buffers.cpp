@@ -1,0 +1,82 @@
+// Bounded reading of a child's output streams and reporting of its exit
+// status. All diagnostics go to standard error.
+#include <cstdio>
+#include <cstring>
+
+#include "webclient/host.h"
+#include "webclient/popen3.h"
+
+namespace {
+
+// Reads lines into buffer[0..size) as consecutive NUL-terminated strings;
+// the room left afterwards (0 means full).
+int readLines(char* buffer, int size, FILE* stream) {
+    char* position = buffer;
+    int room = size < 0 ? 0 : size;
+    while (room > 0 && std::fgets(position, room, stream) != nullptr) {
+        const size_t increase = strnlen_s_helper(position, static_cast<size_t>(room)) + 1;
+        position += increase;
+        room -= static_cast<int>(increase);
+        std::fprintf(stderr, "fgets ok. increase: %zu remain: %d\n", increase, room);
+    }
+    return room;
+}
+
+}  // namespace
+
+extern "C" int fgets_some(char* buffer, int size, FILE* stream) {
+    if (stream == nullptr) return 1;
+    std::fprintf(stderr, "fd: %d\n", fileno(stream));
+    if (size > 0) (void)memset_s_helper(buffer, static_cast<size_t>(size), 0, static_cast<size_t>(size));
+    const int room = readLines(buffer, size, stream);
+    if (std::feof(stream)) {
+        std::fprintf(stderr, "fgets reach stream EOF\n");
+        return 0;
+    }
+    if (std::ferror(stream)) {
+        const int error = std::ferror(stream);
+        std::fprintf(stderr, "fgets got an error: %d\n", error);
+        return error;
+    }
+    if (room == 0) {
+        std::fprintf(stderr, "Buffer full. Waste stream.\n");
+        // The child must never block on a full pipe.
+        (void)waste_stream(stream);
+    }
+    return 0;
+}
+
+extern "C" int waste_stream(FILE* stream) {
+    if (stream == nullptr) return 1;
+    std::fprintf(stderr, "fd: %d\n", fileno(stream));
+    char discard[256];
+    while (std::fgets(discard, sizeof discard, stream) != nullptr) {
+    }
+    if (std::feof(stream)) {
+        std::fprintf(stderr, "fgets reach stream EOF\n");
+    } else if (std::ferror(stream)) {
+        std::fprintf(stderr, "fgets got an error: %d\n", std::ferror(stream));
+    }
+    return 0;
+}
+
+extern "C" int strings_to_stream(FILE* stream, char* buffer, size_t length) {
+    if (stream == nullptr) return 1;
+    const char* end = buffer + length;
+    for (const char* text = buffer; text < end;) {
+        // Bounded: a buffer not made by fgets_some may lack its last NUL.
+        const size_t textLength = strnlen_s_helper(text, static_cast<size_t>(end - text));
+        if (textLength > 0) std::fprintf(stream, "%.*s\n", static_cast<int>(textLength), text);
+        text += textLength + 1;
+    }
+    return 0;
+}
+
+extern "C" int print_exit_code(int status) {
+    if ((status & 0x7f) == 0) {
+        std::fprintf(stderr, "Exit code: %i\n", (status >> 8) & 0xff);
+        return 0;
+    }
+    std::fprintf(stderr, "Process does not exit normally!\n");
+    return 1;
+}
