@@ -2,6 +2,13 @@
 // thread. WebRequestManager is the process-wide facade; WebRequestController
 // holds the state and runs the loop.
 //
+// The loop is event driven: libcurl reports the sockets it wants watched and
+// its timer through callbacks, and the thread waits in poll() (any descriptor
+// number) on those sockets and on a wake-up eventfd, which registering a
+// request and stopping the backend write to. The thread sleeps on wake_cond
+// whenever no transfer is active and nothing was registered since its last
+// pump, also while completed requests wait for their owners.
+//
 // Lock order (outermost first): multi_lock, then list_mutex; wake_mutex,
 // then list_mutex. list_mutex is always innermost. The transfer thread holds
 // multi_lock in read mode around each multi call and across one message
@@ -12,7 +19,10 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdint>
 #include <list>
+#include <map>
+#include <vector>
 
 #include <curl/curl.h>
 
@@ -38,6 +48,13 @@ public:
     void addRequest(WebRequest* request);
     // Stops and joins the thread, empties the handle pool, releases libcurl.
     void shutdown();
+    // Ends the transfer thread's socket wait at once (any thread).
+    void wake();
+
+    // libcurl's socket and timer callbacks (called inside multi calls, on
+    // whichever thread makes them). Take socket_mutex, always innermost.
+    static int onSocket(CURL* easy, curl_socket_t socket, int what, void* controller, void* socketData);
+    static int onTimer(CURLM* multi, long timeoutMs, void* controller);
 
     CURLM* multi;
     pthread_rwlock_t multi_lock;
@@ -47,6 +64,16 @@ public:
     pthread_cond_t wake_cond;
     std::atomic<bool> running;
     std::list<WebRequest*> requests;
+
+    // Event-loop state (not part of the request bookkeeping above).
+    int wake_fd;                          // eventfd; -1 when it could not be made
+    uint64_t registrations;               // guarded by wake_mutex
+    bool pump_idle;                       // transfer thread only: last pump ended idle
+    pthread_mutex_t socket_mutex;         // guards watched_sockets and timer_due_ms
+    std::map<curl_socket_t, int> watched_sockets;  // socket -> CURL_POLL_* wish
+    long long timer_due_ms;               // monotonic ms when libcurl's timer is due; -1: none
+    // Transfer thread: ready sockets and their CURL_CSELECT_* masks.
+    std::vector<std::pair<curl_socket_t, int>> ready_sockets;
 };
 
 class WEBCLIENT_API WebRequestManager {

@@ -1,0 +1,97 @@
+#include "bench_util.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+double secondsSince(BenchClock::time_point start) {
+    return std::chrono::duration<double>(BenchClock::now() - start).count();
+}
+
+double median(std::vector<double> values) { return percentile(std::move(values), 0.5); }
+
+double percentile(std::vector<double> values, double fraction) {
+    if (values.empty()) return 0.0;
+    std::sort(values.begin(), values.end());
+    const size_t index = static_cast<size_t>(fraction * static_cast<double>(values.size() - 1) + 0.5);
+    return values[std::min(index, values.size() - 1)];
+}
+
+namespace {
+
+size_t appendBody(char* data, size_t size, size_t count, void* body) {
+    static_cast<std::string*>(body)->append(data, size * count);
+    return size * count;
+}
+
+}  // namespace
+
+RawClient::RawClient() : handle_(curl_easy_init()) {}
+
+RawClient::~RawClient() { curl_easy_cleanup(handle_); }
+
+long RawClient::get(const std::string& url) {
+    body_.clear();
+    curl_easy_setopt(handle_, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, appendBody);
+    curl_easy_setopt(handle_, CURLOPT_WRITEDATA, &body_);
+    curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
+    if (curl_easy_perform(handle_) != CURLE_OK) return -1;
+    return static_cast<long>(body_.size());
+}
+
+long RawClient::download(const std::string& url, const std::string& path) {
+    FILE* out = std::fopen(path.c_str(), "w+");
+    if (out == nullptr) return -1;
+    curl_easy_setopt(handle_, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, nullptr);  // default: fwrite
+    curl_easy_setopt(handle_, CURLOPT_WRITEDATA, out);
+    curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
+    long status = -1;
+    if (curl_easy_perform(handle_) == CURLE_OK) curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
+    std::fclose(out);
+    return status;
+}
+
+long peakRssKib() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
+    }
+    return -1;
+}
+
+double threadCpuSeconds(const std::string& threadName) {
+    DIR* tasks = opendir("/proc/self/task");
+    double seconds = -1.0;
+    const long ticks = sysconf(_SC_CLK_TCK);
+    while (dirent* entry = tasks ? readdir(tasks) : nullptr) {
+        const std::string base = std::string("/proc/self/task/") + entry->d_name;
+        std::ifstream comm(base + "/comm");
+        std::string name;
+        if (!std::getline(comm, name) || name != threadName) continue;
+        std::ifstream stat(base + "/stat");
+        std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+        std::istringstream fields(text.substr(text.rfind(')') + 2));
+        std::string field;
+        unsigned long long utime = 0, stime = 0;
+        for (int i = 3; i <= 15 && fields >> field; ++i) {
+            if (i == 14) utime = std::stoull(field);
+            if (i == 15) stime = std::stoull(field);
+        }
+        seconds = static_cast<double>(utime + stime) / static_cast<double>(ticks);
+    }
+    if (tasks) closedir(tasks);
+    return seconds;
+}
+
+void occupyDescriptors(int count) {
+    const int base = open("/dev/null", O_RDONLY);
+    for (int i = 1; i < count; ++i) (void)fcntl(base, F_DUPFD, 0);
+}

@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Benchmarks libwebclient against raw libcurl on the same nginx (loopback,
+# several ports = several origins) in one run, and prints a Markdown table.
+# usage: bench/run_bench.sh [BUILD_DIR]   (default: build-bench, built here)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+bash scripts/setup.sh
+if ! command -v nginx >/dev/null; then
+  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq nginx-light >/dev/null
+fi
+build=${1:-build-bench}
+if [ "$#" -eq 0 ]; then
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DWEBCLIENT_BUILD_TESTS=OFF >/dev/null
+  cmake --build "$build" -j "$(nproc)" --target webclient_bench >/dev/null
+fi
+bench="$root/$build/bench/webclient_bench"
+
+work=$(mktemp -d)
+trap 'kill "$(cat "$work/nginx.pid" 2>/dev/null)" 2>/dev/null || true; rm -rf "$work"' EXIT
+mkdir -p "$work/www"
+head -c 1024 /dev/zero | tr '\0' 'a' > "$work/www/1k"
+truncate -s 1G "$work/www/1g"
+ports=(18181 18182 18183 18184 18185)
+listen=""
+for p in "${ports[@]}"; do listen+="    server { listen 127.0.0.1:$p; root $work/www; keepalive_requests 1000000; }"$'\n'; done
+cat > "$work/nginx.conf" <<CONF
+worker_processes 2;
+pid $work/nginx.pid;
+error_log $work/error.log;
+events { worker_connections 1024; }
+http {
+    access_log off;
+    sendfile on;
+    client_body_temp_path $work; proxy_temp_path $work; fastcgi_temp_path $work;
+    uwsgi_temp_path $work; scgi_temp_path $work;
+$listen}
+CONF
+nginx -c "$work/nginx.conf"
+for _ in $(seq 50); do curl -sf "http://127.0.0.1:${ports[0]}/1k" >/dev/null && break; sleep 0.1; done
+
+origin() { echo "http://127.0.0.1:${ports[$1]}"; }
+echo "| scenario | metric | library | raw libcurl | ratio (library / raw) |"
+echo "|---|---|---|---|---|"
+"$bench" sequential-numeric "$(origin 0)"
+"$bench" sequential-named "http://localhost:${ports[0]}"
+"$bench" parallel "$(origin 0)" "$(origin 1)" "$(origin 2)" "$(origin 3)"
+read -r _ lib_rate lib_rss < <("$bench" download-library "$(origin 0)" | tail -n 1)
+read -r _ raw_rate raw_rss < <("$bench" download-raw "$(origin 0)" | tail -n 1)
+awk -v l="$lib_rate" -v r="$raw_rate" 'BEGIN { printf "| 4 download 1 GiB to a file | MiB/s | %.1f | %.1f | %.2f |\n", l, r, l / r }'
+awk -v l="$lib_rss" -v r="$raw_rss" 'BEGIN { printf "| 4 download 1 GiB to a file | peak RSS (KiB) | %d | %d | %.2f |\n", l, r, l / r }'
+"$bench" pickup "$(origin 0)" "$(origin 4)"
+"$bench" idle-cpu "$(origin 0)"
+"$bench" many-descriptors "$(origin 0)"
