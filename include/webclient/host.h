@@ -78,7 +78,8 @@ using WebClientLogSink = std::function<void(int level, int module, const std::st
 // Installs `sink` (an empty function restores standard error).
 WEBCLIENT_API void SetWebClientLogSink(WebClientLogSink sink);
 // Threshold; the default comes from $WEBCLIENT_LOG_LEVEL
-// (debug|info|warning|error), else warning.
+// (debug|info|warning|error), else warning. Setting -1 makes the next line
+// read the environment again.
 WEBCLIENT_API void SetWebClientLogLevel(int level);
 WEBCLIENT_API int GetWebClientLogLevel();
 // Registers the sender that GetSalSend() returns (empty: none).

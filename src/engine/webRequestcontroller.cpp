@@ -68,7 +68,14 @@ int curlEventsOf(short revents) {
 WebRequestController::WebRequestController()
     : multi(nullptr), thread(0), running(false), wake_fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       registrations(0), pump_idle(true), timer_due_ms(-1) {
-    pthread_rwlock_init(&multi_lock, nullptr);
+    // The transfer thread takes the read side again right after releasing
+    // it; preferring writers keeps callers' add and remove from starving.
+    // No thread ever takes the read side recursively.
+    pthread_rwlockattr_t preferWriters;
+    pthread_rwlockattr_init(&preferWriters);
+    pthread_rwlockattr_setkind_np(&preferWriters, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    pthread_rwlock_init(&multi_lock, &preferWriters);
+    pthread_rwlockattr_destroy(&preferWriters);
     pthread_mutex_init(&list_mutex, nullptr);
     pthread_mutex_init(&wake_mutex, nullptr);
     pthread_cond_init(&wake_cond, nullptr);
@@ -152,11 +159,13 @@ static int driveTransfers(WebRequestController& controller) {
 void WebRequestController::processPendingRequests() {
     pump_idle = false;
     try {
-        int previousActive = -1;
         for (;;) {
             const int active = driveTransfers(*this);
-            if (active < previousActive || active == 0) queryMessages();
-            previousActive = active;
+            // Completions are drained after every pass, not only when the
+            // active count drops: on a reused connection a new transfer can
+            // start and finish within one libcurl call, leaving the count
+            // unchanged, and its owner would wait for another transfer.
+            queryMessages();
             if (active == 0) {
                 pump_idle = true;
                 return;
