@@ -4,7 +4,7 @@
 set -euo pipefail
 
 PACKAGES=(
-  cmake g++ make pkg-config openssl
+  cmake g++ make pkg-config openssl python3
   libcurl4-openssl-dev libssl-dev libjson-c-dev
   googletest libgtest-dev libcpp-httplib-dev
 )
