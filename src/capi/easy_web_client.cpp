@@ -58,10 +58,11 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
         const std::string userPassword = user + ":" + password;
         curl_easy_setopt(h, CURLOPT_USERPWD, userPassword.c_str());
     }
-    if (!headers.empty()) {
-        for (const auto& line : headers) header_list = curl_slist_append(header_list, line.c_str());
-        curl_easy_setopt(h, CURLOPT_HTTPHEADER, header_list);
-    }
+    for (const auto& line : headers) header_list = curl_slist_append(header_list, line.c_str());
+    // As a header line the cookie stays with the original host, port and
+    // scheme when a redirect leads elsewhere; CURLOPT_COOKIE alone would not.
+    if (!cookie.empty()) header_list = curl_slist_append(header_list, ("Cookie: " + cookie).c_str());
+    if (header_list != nullptr) curl_easy_setopt(h, CURLOPT_HTTPHEADER, header_list);
     if (!cookie.empty()) curl_easy_setopt(h, CURLOPT_COOKIE, cookie.c_str());
 }
 

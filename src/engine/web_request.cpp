@@ -131,15 +131,20 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     curl_easy_setopt(handle, CURLOPT_TIMEOUT, kTotalTimeoutSeconds);
     curl_easy_setopt(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    if (!request.headers.empty()) {
-        for (const auto& line : request.headers) {
-            request.header_list = curl_slist_append(request.header_list, line.c_str());
-        }
-        setCheckedOption(request, CURLOPT_HTTPHEADER, request.header_list);
+    const bool sendsCookie = deliverHeaders && !request.cookie.empty();
+    for (const auto& line : request.headers) {
+        request.header_list = curl_slist_append(request.header_list, line.c_str());
     }
-    if (deliverHeaders && !request.cookie.empty()) {
-        setCheckedOption(request, CURLOPT_COOKIE, request.cookie.c_str());
+    // libcurl sends CURLOPT_COOKIE on every request of a transfer, also after
+    // a redirect to another host. The same cookie as a header line takes the
+    // option's place, and libcurl drops that line when a redirect leaves the
+    // original host, port and scheme.
+    if (sendsCookie) {
+        const std::string cookieLine = "Cookie: " + request.cookie;
+        request.header_list = curl_slist_append(request.header_list, cookieLine.c_str());
     }
+    if (request.header_list != nullptr) setCheckedOption(request, CURLOPT_HTTPHEADER, request.header_list);
+    if (sendsCookie) setCheckedOption(request, CURLOPT_COOKIE, request.cookie.c_str());
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
+#include "engine/verbose_log.h"
 #include "engine/web_request_impl.h"
 #include "util/log.h"
 #include "webclient/ca_bundle.h"
@@ -58,6 +59,9 @@ CURLcode applySecureOptions(WebRequest& request, const std::string& certDir) {
     CURL* handle = request.impl_->curl_handle;
     CURLcode code = CURLE_OK;
     if ((code = curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L)) != CURLE_OK) return code;
+    // Verbose lines carry request headers, credentials among them: they go
+    // to the host logger with secrets masked, never raw to standard error.
+    (void)curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, &logVerboseLine);
     if ((code = curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr)) != CURLE_OK) return code;
     if ((code = curl_easy_setopt(handle, CURLOPT_CAINFO, nullptr)) != CURLE_OK) return code;
     if ((code = curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L)) != CURLE_OK) return code;
