@@ -69,11 +69,25 @@ public:
     int wake_fd;                          // eventfd; -1 when it could not be made
     uint64_t registrations;               // guarded by wake_mutex
     bool pump_idle;                       // transfer thread only: last pump ended idle
-    pthread_mutex_t socket_mutex;         // guards watched_sockets and timer_due_ms
-    std::map<curl_socket_t, int> watched_sockets;  // socket -> CURL_POLL_* wish
+    // A socket libcurl asked us to watch. The generation tells a descriptor
+    // number that was closed and handed out again from the one polled.
+    struct WatchedSocket {
+        int wish;             // CURL_POLL_*
+        uint64_t generation;  // from socket_generations when first watched
+    };
+    struct ReadySocket {
+        curl_socket_t socket;
+        int events;  // CURL_CSELECT_*
+        uint64_t generation;
+    };
+    pthread_mutex_t socket_mutex;         // guards the next three
+    std::map<curl_socket_t, WatchedSocket> watched_sockets;
+    uint64_t socket_generations;
     long long timer_due_ms;               // monotonic ms when libcurl's timer is due; -1: none
-    // Transfer thread: ready sockets and their CURL_CSELECT_* masks.
-    std::vector<std::pair<curl_socket_t, int>> ready_sockets;
+    // Transfer thread: what the last poll() found ready.
+    std::vector<ReadySocket> ready_sockets;
+    // Whether `ready` still names the socket it was polled as.
+    bool stillWatched(const ReadySocket& ready);
 };
 
 class WEBCLIENT_API WebRequestManager {

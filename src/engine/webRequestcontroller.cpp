@@ -55,11 +55,13 @@ int waitBoundMs(long long timerDueMs) {
     return static_cast<int>(wish < 1000 ? wish : std::min<long long>(wish, 2000));
 }
 
+// An error or hang-up is passed on together with "readable and writable",
+// so that libcurl reads the socket and reports the actual failure.
 int curlEventsOf(short revents) {
     int mask = 0;
     if (revents & POLLIN) mask |= CURL_CSELECT_IN;
     if (revents & POLLOUT) mask |= CURL_CSELECT_OUT;
-    if (revents & (POLLERR | POLLHUP | POLLNVAL)) mask |= CURL_CSELECT_ERR;
+    if (revents & (POLLERR | POLLHUP)) mask |= CURL_CSELECT_IN | CURL_CSELECT_OUT | CURL_CSELECT_ERR;
     return mask;
 }
 
@@ -67,7 +69,7 @@ int curlEventsOf(short revents) {
 
 WebRequestController::WebRequestController()
     : multi(nullptr), thread(0), running(false), wake_fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-      registrations(0), pump_idle(true), timer_due_ms(-1) {
+      registrations(0), pump_idle(true), socket_generations(0), timer_due_ms(-1) {
     // The transfer thread takes the read side again right after releasing
     // it; preferring writers keeps callers' add and remove from starving.
     // No thread ever takes the read side recursively.
@@ -87,10 +89,21 @@ int WebRequestController::onSocket(CURL*, curl_socket_t socket, int what, void* 
     utilities::lock::lock_guard guard(&self->socket_mutex);
     if (what == CURL_POLL_REMOVE) {
         self->watched_sockets.erase(socket);
+        return 0;
+    }
+    auto found = self->watched_sockets.find(socket);
+    if (found != self->watched_sockets.end()) {
+        found->second.wish = what;
     } else {
-        self->watched_sockets[socket] = what;
+        self->watched_sockets.emplace(socket, WatchedSocket{what, ++self->socket_generations});
     }
     return 0;
+}
+
+bool WebRequestController::stillWatched(const ReadySocket& ready) {
+    utilities::lock::lock_guard guard(&socket_mutex);
+    auto found = watched_sockets.find(ready.socket);
+    return found != watched_sockets.end() && found->second.generation == ready.generation;
 }
 
 int WebRequestController::onTimer(CURLM*, long timeoutMs, void* controller) {
@@ -146,7 +159,12 @@ static int driveTransfers(WebRequestController& controller) {
     int active = 0;
     for (const auto& ready : controller.ready_sockets) {
         utilities::lock::lock_guard_read guard(&controller.multi_lock);
-        CURLMcode code = curl_multi_socket_action(controller.multi, ready.first, ready.second, &active);
+        // Checked under the multi lock, so no caller can close the socket
+        // between the check and the call. An event polled on a descriptor
+        // that was closed since (and maybe reused by a new connection) is
+        // dropped; poll() reports a live socket's state again next round.
+        if (!controller.stillWatched(ready)) continue;
+        CURLMcode code = curl_multi_socket_action(controller.multi, ready.socket, ready.events, &active);
         if (code != CURLM_OK) handleError(code);
     }
     controller.ready_sockets.clear();
@@ -179,15 +197,17 @@ void WebRequestController::processPendingRequests() {
 
 void WebRequestController::waitForSocketActivity() {
     std::vector<pollfd> watched;
+    std::vector<uint64_t> generations;
     long long timerDue = -1;
     {
         utilities::lock::lock_guard guard(&socket_mutex);
         timerDue = timer_due_ms;
         for (const auto& socket : watched_sockets) {
             short events = 0;
-            if (socket.second & CURL_POLL_IN) events |= POLLIN;
-            if (socket.second & CURL_POLL_OUT) events |= POLLOUT;
+            if (socket.second.wish & CURL_POLL_IN) events |= POLLIN;
+            if (socket.second.wish & CURL_POLL_OUT) events |= POLLOUT;
             watched.push_back(pollfd{socket.first, events, 0});
+            generations.push_back(socket.second.generation);
         }
     }
     watched.push_back(pollfd{wake_fd, POLLIN, 0});
@@ -196,7 +216,9 @@ void WebRequestController::waitForSocketActivity() {
     if (ready < 0 && errno != EINTR) sleepAfterIdleWait();
     if (ready <= 0) return;
     for (size_t i = 0; i + 1 < watched.size(); ++i) {
-        if (watched[i].revents != 0) ready_sockets.emplace_back(watched[i].fd, curlEventsOf(watched[i].revents));
+        // POLLNVAL: closed while we slept; nothing of ours to report.
+        const int events = curlEventsOf(watched[i].revents);
+        if (events != 0) ready_sockets.push_back(ReadySocket{watched[i].fd, events, generations[i]});
     }
     if (watched.back().revents & POLLIN) {
         uint64_t drained = 0;

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <sstream>
+#include <stdexcept>
 
 namespace {
 
@@ -40,12 +41,23 @@ TestServer::TestServer(const TlsFiles& tls, const std::string& address, const Se
     start(address, setup);
 }
 
-void TestServer::start(const std::string& address, const Setup& setup) {
+TestServer::TestServer(const TlsFiles& tls, const std::string& address, int port)
+    : server_(new httplib::SSLServer(tls.certificate.c_str(), tls.key.c_str())), tls_(true) {
+    start(address, {}, port);
+}
+
+void TestServer::start(const std::string& address, const Setup& setup, int port) {
     addStandardEndpoints();
     // Shutdown waits for idle keep-alive connections to time out.
     server_->set_keep_alive_timeout(1);
     if (setup) setup(*server_);
-    port_ = server_->bind_to_any_port(address.c_str());
+    if (port == 0) {
+        port_ = server_->bind_to_any_port(address.c_str());
+    } else if (server_->bind_to_port(address.c_str(), port)) {
+        port_ = port;
+    } else {
+        throw std::runtime_error("cannot bind " + address + ":" + std::to_string(port));
+    }
     listener_ = std::thread([this] { server_->listen_after_bind(); });
     while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
@@ -79,7 +91,13 @@ void TestServer::serveBytes(const std::string& path, const std::string& body, in
     served_[path] = {status, body};
 }
 
-void TestServer::record(const httplib::Request& request) {
+void TestServer::keepRecords(bool keep) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    keepRecords_ = keep;
+    if (!keep) requests_.clear();
+}
+
+RecordedRequest TestServer::record(const httplib::Request& request) {
     RecordedRequest seen;
     seen.method = request.method;
     seen.path = request.path;
@@ -90,7 +108,8 @@ void TestServer::record(const httplib::Request& request) {
                               file.second.content});
     }
     std::lock_guard<std::mutex> guard(mutex_);
-    requests_.push_back(std::move(seen));
+    if (keepRecords_) requests_.push_back(seen);
+    return seen;
 }
 
 bool TestServer::stallFor(int milliseconds) {
@@ -100,8 +119,7 @@ bool TestServer::stallFor(int milliseconds) {
 
 void TestServer::addStandardEndpoints() {
     auto echo = [this](const httplib::Request& req, httplib::Response& res) {
-        record(req);
-        res.set_content(describe(requests().back()), "text/plain");
+        res.set_content(describe(record(req)), "text/plain");
     };
     server_->Get("/echo", echo);
     server_->Post("/echo", echo);

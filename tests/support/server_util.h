@@ -43,6 +43,8 @@ public:
     explicit TestServer(const std::string& address = "127.0.0.1", const Setup& setup = {});
     // HTTPS with the given certificate and key.
     TestServer(const TlsFiles& tls, const std::string& address, const Setup& setup = {});
+    // HTTPS on a given port (for a server that takes over an origin).
+    TestServer(const TlsFiles& tls, const std::string& address, int port);
     ~TestServer();
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
@@ -53,13 +55,15 @@ public:
 
     std::vector<RecordedRequest> requests() const;
     void clearRequests();
+    // Stop (or resume) keeping what arrives; a long load run keeps nothing.
+    void keepRecords(bool keep);
     // Serves `body` at `path` (plain GET); may be changed while running.
     void serveBytes(const std::string& path, const std::string& body, int status = 200);
 
 private:
-    void start(const std::string& address, const Setup& setup);
+    void start(const std::string& address, const Setup& setup, int port = 0);
     void addStandardEndpoints();
-    void record(const httplib::Request& request);
+    RecordedRequest record(const httplib::Request& request);
     bool stallFor(int milliseconds);
 
     std::unique_ptr<httplib::Server> server_;
@@ -70,6 +74,7 @@ private:
     std::condition_variable stopping_;
     bool stopped_ = false;
     std::vector<RecordedRequest> requests_;
+    bool keepRecords_ = true;
     std::map<std::string, std::pair<int, std::string>> served_;
 };
 

@@ -1,0 +1,211 @@
+// Load: many threads mixing every kind of exchange across several origins
+// (three numeric ones on the transfer thread, localhost on the callers'
+// threads), with same-origin contention and requests abandoned mid-transfer.
+// Every body is checked byte for byte; a watchdog turns a deadlock into a
+// failure; after the backend stops, no descriptor opened during the run
+// is left behind.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "support/server_util.h"
+#include "support/test_helpers.h"
+#include "webclient/web_client.h"
+#include "webclient/webRequestcontroller.h"
+
+namespace {
+
+constexpr int kThreads = 8;
+constexpr int kExchangesPerThread = 500;
+constexpr auto kWatchdogLimit = std::chrono::minutes(10);
+
+// Descriptor number -> what it refers to.
+std::map<int, std::string> openDescriptors() {
+    std::map<int, std::string> open;
+    DIR* dir = opendir("/proc/self/fd");
+    const int own = dirfd(dir);
+    while (dirent* entry = readdir(dir)) {
+        const int fd = std::atoi(entry->d_name);
+        if (entry->d_name[0] == '.' || fd == own) continue;
+        char target[256] = {};
+        const ssize_t length = readlink(("/proc/self/fd/" + std::string(entry->d_name)).c_str(), target,
+                                        sizeof(target) - 1);
+        open[fd] = length > 0 ? std::string(target, static_cast<size_t>(length)) : "?";
+    }
+    closedir(dir);
+    return open;
+}
+
+std::shared_ptr<FILE> openForWriting(const std::string& path) {
+    return std::shared_ptr<FILE>(std::fopen(path.c_str(), "w+"), std::fclose);
+}
+
+bool endsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+class LoadRun {
+public:
+    LoadRun() : origins_{{"127.0.0.1", &first_}, {"127.0.0.2", &second_}, {"127.0.0.3", &third_},
+                        {"localhost", &first_}} {
+        for (TestServer* server : {&first_, &second_, &third_}) server->keepRecords(false);
+    }
+
+    // One exchange; returns an empty string when it was verified, else why not.
+    std::string exchange(int thread, int round) {
+        const unsigned seed = static_cast<unsigned>(thread * kExchangesPerThread + round) * 2654435761u;
+        const auto& origin = origins_[static_cast<size_t>(thread + round) % origins_.size()];
+        const std::string url = origin.second->url(origin.first, "");
+        const size_t size = 1 + seed % 65536;
+        switch ((round + thread / 2) % 8) {
+            case 0: return get(url, size);
+            case 1: return sendBody("POST", url, thread, round);
+            case 2: return sendBody("PUT", url, thread, round);
+            case 3: return sendBody("PATCH", url, thread, round);
+            case 4: return remove(url);
+            case 5: return upload(url, thread, round);
+            case 6: return download(url, size);
+            default: return origin.first == "localhost" ? get(url, size) : abandon(url);
+        }
+    }
+
+private:
+    std::string get(const std::string& base, size_t size) {
+        WebClient client;
+        std::vector<std::string> headers{"X-Load: get"};
+        std::string response, error;
+        int code = 0;
+        client.get(base + "/bytes/" + std::to_string(size), "", "", headers, response, &code, error, false);
+        if (code != 200 || response != pattern(size)) return "GET " + std::to_string(code) + " " + error;
+        return "";
+    }
+
+    std::string sendBody(const std::string& method, const std::string& base, int thread, int round) {
+        WebClient client;
+        std::vector<std::string> headers;
+        const std::string body = method + std::to_string(thread) + "/" + std::to_string(round) + pattern(1000);
+        std::string response, error;
+        if (method == "POST") client.post(base + "/echo", "user", "secret", body, headers, response, error, false);
+        if (method == "PUT") client.put(base + "/echo", "user", "secret", body, headers, response, error, false);
+        if (method == "PATCH") client.patch(base + "/echo", "user", "secret", body, headers, response, error, false);
+        if (response.rfind(method + " /echo\n", 0) != 0 || !endsWith(response, "\n\n" + body)) {
+            return method + " unexpected answer, error '" + error + "'";
+        }
+        return "";
+    }
+
+    std::string remove(const std::string& base) {
+        WebClient client;
+        std::vector<std::string> headers;
+        std::string response, error;
+        client.deleteM(base + "/echo", "user", "secret", headers, response, error, false);
+        return response.rfind("DELETE /echo\n", 0) == 0 ? "" : "DELETE unexpected answer, error '" + error + "'";
+    }
+
+    std::string upload(const std::string& base, int thread, int round) {
+        const std::string content = "file " + std::to_string(thread) + "/" + std::to_string(round);
+        TempFile file(content);
+        WebClient client;
+        std::vector<std::string> headers;
+        std::string response, error;
+        int code = 0;
+        client.uploadByPost(base + "/echo", "", "", headers, "file", file.path(), response, &code, error, false);
+        if (code != 200 || !endsWith(response, "\npart file=" + content)) return "upload " + error;
+        return "";
+    }
+
+    std::string download(const std::string& base, size_t size) {
+        TempFile out;
+        download_param param;
+        param.url = base + "/bytes/" + std::to_string(size);
+        int code = 0;
+        WebClient client;
+        const std::string error = client.downloadStream(&param, openForWriting(out.path()), &code, false);
+        if (code != 200 || readWholeFile(out.path()) != pattern(size)) return "download " + error;
+        return "";
+    }
+
+    // Starts a slow transfer and destroys the request while it runs.
+    std::string abandon(const std::string& base) {
+        std::atomic<bool> started{false};
+        {
+            WebRequest request(base + "/slow/400000?chunk=8192&delay_ms=2", "GET", false);
+            std::vector<std::string> headers;
+            request.getAsync(headers, [&](std::shared_ptr<DataReceivedEventArgs>) { started = true; }, {});
+            for (int i = 0; i < 200 && !started; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return started ? "" : "abandoned transfer never started";
+    }
+
+    TestServer first_{"127.0.0.1"};
+    TestServer second_{"127.0.0.2"};
+    TestServer third_{"127.0.0.3"};
+    std::vector<std::pair<std::string, TestServer*>> origins_;
+};
+
+// Runs `work` on its own threads; a run that outlives the limit is a
+// deadlock, and the process ends with a failure rather than hanging CI.
+void runWatched(int threads, const std::function<void(int)>& work) {
+    std::mutex mutex;
+    std::condition_variable done;
+    int finished = 0;
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            work(t);
+            std::lock_guard<std::mutex> guard(mutex);
+            ++finished;
+            done.notify_all();
+        });
+    }
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!done.wait_for(lock, kWatchdogLimit, [&] { return finished == threads; })) {
+        std::fprintf(stderr, "watchdog: %d of %d load threads still running: deadlock\n", threads - finished,
+                     threads);
+        std::_Exit(EXIT_FAILURE);
+    }
+    lock.unlock();
+    for (std::thread& worker : workers) worker.join();
+}
+
+}  // namespace
+
+TEST(Load, MixedExchangesFromManyThreadsAllVerifiedAndNothingLeaks) {
+    WebRequestManager* manager = WebRequestManager::getInstance();
+    const std::map<int, std::string> before = openDescriptors();
+    manager->initBackEnd();
+    std::atomic<int> verified{0};
+    std::mutex failureMutex;
+    std::vector<std::string> failures;
+    {
+        LoadRun run;
+        runWatched(kThreads, [&](int thread) {
+            for (int round = 0; round < kExchangesPerThread; ++round) {
+                const std::string failure = run.exchange(thread, round);
+                if (failure.empty()) {
+                    ++verified;
+                    continue;
+                }
+                std::lock_guard<std::mutex> guard(failureMutex);
+                failures.push_back(std::to_string(thread) + "/" + std::to_string(round) + ": " + failure);
+            }
+        });
+    }
+    manager->stopBackEnd();
+    EXPECT_EQ(verified, kThreads * kExchangesPerThread);
+    for (size_t i = 0; i < failures.size() && i < 10; ++i) ADD_FAILURE() << failures[i];
+    for (const auto& entry : openDescriptors()) {
+        auto found = before.find(entry.first);
+        EXPECT_TRUE(found != before.end() && found->second == entry.second)
+            << "descriptor " << entry.first << " (" << entry.second << ") outlived the run";
+    }
+}
