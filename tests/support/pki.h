@@ -8,6 +8,10 @@
 //   server_wronghost       SAN DNS:wrong.example, IP:10.255.255.1 only
 //   server_expired         validity entirely in the past
 //   server_notyet          validity entirely in the future
+//   server_nulsan          DNS SANs "localhost\0.evil.example" and
+//                          "127.0.0.2\0.evil.example" only
+//   server_chain           issued by an intermediate CA (no EKU), chain served
+//   server_chain_clientauth  the same under an intermediate with EKU clientAuth
 //   other_ca, server_untrusted   a second root and a server it issued
 //   signing_root, signer   bundle-signing root and a signer it issued
 //   foreign_signer         self-signed signer, not under signing_root

@@ -19,11 +19,12 @@ namespace {
 // 127.0.0.2 is served on 127.0.0.2; localhost on 127.0.0.1.
 std::string bindAddressFor(const std::string& host) { return host == "localhost" ? "127.0.0.1" : host; }
 
-CURLcode secureGet(const std::string& url) {
+CURLcode secureGet(const std::string& url, std::string* error = nullptr) {
     WebRequest request(url, "GET", true);
     std::vector<std::string> none;
     request.getAsync(none, [](std::shared_ptr<DataReceivedEventArgs>) {}, {});
     request.wait(10000);
+    if (error) *error = request.impl_->error_buffer;
     return request.impl_->result;
 }
 
@@ -50,23 +51,41 @@ protected:
     TestPki& pki = TestPki::instance();
 
     void SetUp() override { sandbox.store().ca_file = pki.file("ca.pem"); }
-    CURLcode getFrom(const std::string& certificate) {
+    CURLcode getFrom(const std::string& certificate, std::string* error = nullptr) {
         TestServer server(pki.tls(certificate), bindAddressFor(GetParam()));
-        return secureGet(server.url(GetParam(), "/echo"));
+        return secureGet(server.url(GetParam(), "/echo"), error);
     }
 };
 
 INSTANTIATE_TEST_SUITE_P(BothPaths, TlsVerify, ::testing::Values("127.0.0.2", "localhost"));
 
+// The server certificates' CN never names the host: a matching SAN suffices.
 TEST_P(TlsVerify, AcceptsServerAuthAndCertificatesWithoutUsageList) {
     EXPECT_EQ(getFrom("server"), CURLE_OK);
     EXPECT_EQ(getFrom("server_noeku"), CURLE_OK);
+    EXPECT_EQ(getFrom("server_chain"), CURLE_OK);
 }
 
 TEST_P(TlsVerify, RejectsBadPeersAsVerificationFailures) {
-    for (const char* certificate : {"server_clientauth", "server_wronghost", "server_untrusted",
-                                    "server_expired", "server_notyet"}) {
-        EXPECT_EQ(getFrom(certificate), CURLE_PEER_FAILED_VERIFICATION) << certificate;
+    const std::string noNameMatch =
+        "SSL: no alternative certificate subject name matches target host name '" + std::string(GetParam()) + "'";
+    const struct {
+        const char* certificate;
+        std::string evidence;  // a log line fragment or the libcurl error text
+    } cases[] = {
+        {"server_wronghost", noNameMatch},
+        {"server_nulsan", noNameMatch},
+        {"server_expired", "ok=0 depth=0 ctx->error=10:certificate has expired"},
+        {"server_notyet", "ok=0 depth=0 ctx->error=9:certificate is not yet valid"},
+        {"server_untrusted", "ok=0 depth=0 ctx->error=20:unable to get local issuer certificate"},
+        {"server_clientauth", "ok=0 depth=0 ctx->error=26:unsuitable certificate purpose"},
+        {"server_chain_clientauth", "ok=0 depth=1 ctx->error=26:unsuitable certificate purpose"},
+    };
+    for (const auto& c : cases) {
+        LogCapture log;
+        std::string error;
+        EXPECT_EQ(getFrom(c.certificate, &error), CURLE_PEER_FAILED_VERIFICATION) << c.certificate;
+        EXPECT_TRUE(log.contains(c.evidence) || error == c.evidence) << c.certificate << ": " << error;
     }
 }
 
@@ -121,4 +140,26 @@ TEST_P(TlsVerify, SecureRequestHoldsTheCaFileUntilDestroyed) {
         inert.getAsync(none, [](std::shared_ptr<DataReceivedEventArgs>) {}, {});
     }
     EXPECT_FALSE(fileLockIsReadHeld(store)) << "nothing released that was never taken";
+}
+
+// The pool keeps one easy handle per origin: a failed handshake must leave
+// nothing behind that lets a later peer skip verification, or that stops a
+// good peer from being accepted. (The CA file being replaced under a pooled
+// handle is covered by the refresh-and-retry tests.)
+TEST(PooledHandle, VerifiesEveryPeerThatTakesOverTheOrigin) {
+    TrustStoreSandbox sandbox;
+    TestPki& pki = TestPki::instance();
+    sandbox.store().ca_file = pki.file("ca.pem");
+    int port = 0;
+    std::string url;
+    const auto serveAndGet = [&](const char* certificate) {
+        TestServer server(pki.tls(certificate), "127.0.0.2", port);
+        port = server.port();
+        url = server.url("127.0.0.2", "/echo");
+        return secureGet(url);
+    };
+    EXPECT_EQ(serveAndGet("server_expired"), CURLE_PEER_FAILED_VERIFICATION);
+    EXPECT_EQ(serveAndGet("server"), CURLE_OK);
+    EXPECT_EQ(serveAndGet("server_untrusted"), CURLE_PEER_FAILED_VERIFICATION);
+    EXPECT_EQ(serveAndGet("server"), CURLE_OK);
 }

@@ -32,13 +32,31 @@ void addExtension(X509* cert, X509* issuer, int nid, const std::string& value) {
     X509_EXTENSION_free(ext);
 }
 
+void addRawDnsNames(X509* cert, const std::vector<std::string>& names) {
+    GENERAL_NAMES* list = sk_GENERAL_NAME_new_null();
+    for (const std::string& name : names) {
+        ASN1_IA5STRING* text = ASN1_IA5STRING_new();
+        ASN1_STRING_set(text, name.data(), static_cast<int>(name.size()));
+        GENERAL_NAME* entry = GENERAL_NAME_new();
+        GENERAL_NAME_set0_value(entry, GEN_DNS, text);
+        sk_GENERAL_NAME_push(list, entry);
+    }
+    const int added = X509_add1_ext_i2d(cert, NID_subject_alt_name, list, 0, X509V3_ADD_DEFAULT);
+    GENERAL_NAMES_free(list);
+    if (added != 1) throw std::runtime_error("cannot add raw subjectAltName");
+}
+
 void addExtensions(X509* cert, X509* issuer, const Profile& profile) {
     addExtension(cert, issuer, NID_basic_constraints, profile.isCa ? "critical,CA:TRUE" : "CA:FALSE");
     addExtension(cert, issuer, NID_key_usage,
                  profile.isCa ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature,keyEncipherment");
     addExtension(cert, issuer, NID_subject_key_identifier, "hash");
     addExtension(cert, issuer, NID_authority_key_identifier, "keyid:always");
-    if (!profile.sans.empty()) addExtension(cert, issuer, NID_subject_alt_name, profile.sans);
+    if (!profile.rawDnsNames.empty()) {
+        addRawDnsNames(cert, profile.rawDnsNames);
+    } else if (!profile.sans.empty()) {
+        addExtension(cert, issuer, NID_subject_alt_name, profile.sans);
+    }
     if (!profile.extendedUsage.empty()) addExtension(cert, issuer, NID_ext_key_usage, profile.extendedUsage);
 }
 

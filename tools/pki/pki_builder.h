@@ -27,6 +27,9 @@ struct Profile {
     std::string commonName;
     bool isCa = false;
     std::string sans;           // e.g. "DNS:localhost,IP:127.0.0.2"; empty: none
+    // DNS names written byte for byte (they may hold a NUL, which the text
+    // form above cannot express); used instead of `sans` when not empty.
+    std::vector<std::string> rawDnsNames;
     std::string extendedUsage;  // e.g. "serverAuth"; empty: no EKU extension
     long notBeforeDays = -1;
     long notAfterDays = 365;
