@@ -287,12 +287,15 @@ void WebRequestController::shutdown() {
     if (thread == 0) return;
     pthread_join(thread, nullptr);
     thread = 0;
-    if (multi != nullptr) {
-        WebHandleManager::getInstance()->ClearWebHandle();
+    if (multi == nullptr) return;
+    WebHandleManager::getInstance()->ClearWebHandle();
+    {
+        // An owner may be unregistering its request right now (closeRequest).
+        utilities::lock::lock_guard_write guard(&multi_lock);
         curl_multi_cleanup(multi);
-        curl_global_cleanup();
         multi = nullptr;
     }
+    curl_global_cleanup();
 }
 
 // ---- WebRequestManager ---------------------------------------------------
@@ -372,6 +375,8 @@ void WebRequestManager::closeRequest(WebRequest* request) {
     CURL* handle = request->impl_->curl_handle;
     if (controller->findRequest(handle, true) == nullptr) return;
     utilities::lock::lock_guard_write guard(&controller->multi_lock);
+    // After a stop the multi handle is gone and its cleanup let go of ours.
+    if (controller->multi == nullptr) return;
     CURLMcode code = curl_multi_remove_handle(controller->multi, handle);
     if (code != CURLM_OK) {
         WC_LOG_ERROR("curl_multi_remove_handle error: %d", static_cast<int>(code));
