@@ -54,6 +54,7 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     curl_easy_setopt(h, CURLOPT_TIMEOUT, total_timeout);
     curl_easy_setopt(h, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(h, CURLOPT_MAXREDIRS, 30L);  // older libcurl has no limit
     if (!user.empty() && !password.empty()) {
         const std::string userPassword = user + ":" + password;
         curl_easy_setopt(h, CURLOPT_USERPWD, userPassword.c_str());

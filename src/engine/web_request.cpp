@@ -20,6 +20,9 @@ constexpr long kLowSpeedLimitBytes = 100;
 constexpr long kLowSpeedTimeSeconds = 600;
 constexpr long kConnectTimeoutSeconds = 20;
 constexpr long kTotalTimeoutSeconds = 1200;
+// libcurl before 8.3 follows redirects without limit; a loop would then run
+// until the wait limit. This is the limit newer libcurl applies by default.
+constexpr long kMaxRedirects = 30;
 constexpr int kSlowWaitWarningSeconds = 30;
 
 // Requests to the local HTTPS endpoint never verify TLS.
@@ -131,6 +134,7 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     curl_easy_setopt(handle, CURLOPT_TIMEOUT, kTotalTimeoutSeconds);
     curl_easy_setopt(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_MAXREDIRS, kMaxRedirects);
     const bool sendsCookie = deliverHeaders && !request.cookie.empty();
     for (const auto& line : request.headers) {
         request.header_list = curl_slist_append(request.header_list, line.c_str());

@@ -200,6 +200,11 @@ TEST_P(Dispatch, RedirectsAreFollowed) {
         ASSERT_EQ(request.wait(5000), 0);
         EXPECT_EQ(request.getResponseCode(), 201);
     }
+    // A loop ends at the redirect limit, long before any wait limit.
+    WebRequest loop(url("/redirect-loop"), "GET", false);
+    loop.getAsync(none, body.callback(), {});
+    ASSERT_EQ(loop.wait(5000), 0);
+    EXPECT_EQ(loop.impl_->result, CURLE_TOO_MANY_REDIRECTS);
 }
 
 TEST(WebRequestWait, DeadlineDropsTheMillisecondRemainder) {

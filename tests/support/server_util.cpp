@@ -137,6 +137,9 @@ void TestServer::addStandardEndpoints() {
         record(req);
         res.set_redirect(req.get_param_value("to"));
     });
+    server_->Get("/redirect-loop", [](const httplib::Request&, httplib::Response& res) {
+        res.set_redirect("/redirect-loop");
+    });
     server_->Get(R"(/bytes/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
         record(req);
         res.set_content(pattern(std::stoul(req.matches[1])), "application/octet-stream");
