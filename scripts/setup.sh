@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Installs the Debian packages this project needs; does nothing (quietly)
-# when they are all present. Safe to run again.
+# when they are all present. Safe to run again. Extra package names given
+# as arguments are installed too (the fuzz run adds its compiler).
 set -euo pipefail
 
 PACKAGES=(
   cmake g++ make pkg-config openssl python3
   libcurl4-openssl-dev libssl-dev libjson-c-dev
   googletest libgtest-dev libcpp-httplib-dev
+  "$@"
 )
 
 missing=()

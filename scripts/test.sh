@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite in three variants: optimised with
 # debug info, AddressSanitizer + UndefinedBehaviorSanitizer, and
-# ThreadSanitizer. Warnings are errors here. Exits non-zero on any failure.
+# ThreadSanitizer; then runs the fuzz targets for a bounded time. Warnings are
+# errors here. Exits non-zero on any failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -21,3 +22,8 @@ for variant in $VARIANTS; do
   (cd "$dir" && ctest --output-on-failure --timeout 900)
 done
 echo "=== all variants passed: ${VARIANTS}"
+
+# libFuzzer targets, about a minute each (FUZZ_SECONDS), under ASan+UBSan.
+if [ "${WEBCLIENT_SKIP_FUZZ:-0}" != 1 ]; then
+  bash scripts/fuzz.sh
+fi
