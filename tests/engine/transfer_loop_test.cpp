@@ -70,7 +70,10 @@ TEST(TransferLoop, SocketsAbove1023AreServed) {
     const int probe = dup(STDIN_FILENO);
     ASSERT_GE(probe, 1100);
     close(probe);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(completeOneGet(server.url("127.0.0.1", "/bytes/100000")), 200) << i;
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(completeOneGet(server.url("127.0.0.1", "/bytes/100000")), 200) << i;
+        EXPECT_EQ(completeOneGet(server.url("localhost", "/bytes/100000")), 200) << i;
+    }
     Collected body;
     {
         WebRequest request(server.url("127.0.0.1", "/slow/200000?chunk=20000&delay_ms=20"), "GET", false);

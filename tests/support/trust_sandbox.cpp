@@ -41,7 +41,7 @@ TrustStoreSandbox::TrustStoreSandbox() {
 TrustStoreSandbox::~TrustStoreSandbox() {
     resetStore();
     store().download_url = truststore_paths::kDownloadUrl;
-    (void)std::system((std::string("rm -rf '") + truststore_paths::kRoot + "'").c_str());
+    (void)!std::system((std::string("rm -rf '") + truststore_paths::kRoot + "'").c_str());
 }
 
 void TrustStoreSandbox::resetStore() {

@@ -110,7 +110,7 @@ TEST_P(TlsVerify, RootCertificateInAppDataIsTrustedOffTheSwitch) {
     writeFileCreatingDirs(appData + "/certs/rootCA.pem", "not a certificate");
     EXPECT_EQ(getFrom("server"), CURLE_ABORTED_BY_CALLBACK);
     EXPECT_EQ(log.count("sslctx_function failed to load " + appData + "/./certs/rootCA.pem"), 1u);
-    (void)std::system(("rm -rf '" + appData + "'").c_str());
+    (void)!std::system(("rm -rf '" + appData + "'").c_str());
 }
 
 TEST_P(TlsVerify, SwitchTrustsOnlyTheSystemDirectory) {
