@@ -17,6 +17,7 @@
 #include <mutex>
 #include <thread>
 
+#include "support/log_capture.h"
 #include "support/server_util.h"
 #include "support/test_helpers.h"
 #include "webclient/web_client.h"
@@ -94,9 +95,9 @@ private:
         std::vector<std::string> headers;
         const std::string body = method + std::to_string(thread) + "/" + std::to_string(round) + pattern(1000);
         std::string response, error;
-        if (method == "POST") client.post(base + "/echo", "user", "secret", body, headers, response, error, false);
-        if (method == "PUT") client.put(base + "/echo", "user", "secret", body, headers, response, error, false);
-        if (method == "PATCH") client.patch(base + "/echo", "user", "secret", body, headers, response, error, false);
+        if (method == "POST") client.post(base + "/echo", "user", kSentinelSecret, body, headers, response, error, false);
+        if (method == "PUT") client.put(base + "/echo", "user", kSentinelSecret, body, headers, response, error, false);
+        if (method == "PATCH") client.patch(base + "/echo", "user", kSentinelSecret, body, headers, response, error, false);
         if (response.rfind(method + " /echo\n", 0) != 0 || !endsWith(response, "\n\n" + body)) {
             return method + " unexpected answer, error '" + error + "'";
         }
@@ -107,7 +108,7 @@ private:
         WebClient client;
         std::vector<std::string> headers;
         std::string response, error;
-        client.deleteM(base + "/echo", "user", "secret", headers, response, error, false);
+        client.deleteM(base + "/echo", "user", kSentinelSecret, headers, response, error, false);
         return response.rfind("DELETE /echo\n", 0) == 0 ? "" : "DELETE unexpected answer, error '" + error + "'";
     }
 

@@ -1,5 +1,6 @@
 #include "support/backend_environment.h"
 
+#include "support/log_capture.h"
 #include "webclient/webRequestcontroller.h"
 
 void BackendEnvironment::SetUp() { WebRequestManager::getInstance()->initBackEnd(); }
@@ -8,6 +9,7 @@ void BackendEnvironment::TearDown() { WebRequestManager::getInstance()->stopBack
 
 int runTestsWithBackend(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
+    watchLogsForSecrets();
     ::testing::AddGlobalTestEnvironment(new BackendEnvironment());
     return RUN_ALL_TESTS();
 }

@@ -1,5 +1,6 @@
 // Captures the library's log lines in-process for the lifetime of the
 // object (installs a sink, lowers the threshold to debug, restores both).
+// Every line, captured or not, is checked for secrets (see below).
 #pragma once
 
 #include <mutex>
@@ -32,3 +33,13 @@ private:
     std::vector<LogLine> lines_;
     int previousLevel_;
 };
+
+// A secret the tests use as a credential; no log line may ever show it.
+extern const char kSentinelSecret[];
+
+// Fails the running test when `text` shows the sentinel secret or the value
+// of a "password=" or "client_secret=" parameter (only "***" may follow).
+void checkLineForSecrets(const std::string& text);
+// For the rest of the test binary: every line at any level is checked as
+// above, and lines at warning level and above still go to standard error.
+void watchLogsForSecrets();
