@@ -112,15 +112,25 @@ TEST(DownloadStream, FourImageJobReportsRisingSharesAndCompletesEachImage) {
     json_object_put(first);
 }
 
-TEST(DownloadStream, HostCancelStopsAfterOneMoreChunk) {
+// One image of a progress job on the transfer thread.
+class ProgressJob : public ::testing::Test {
+protected:
+    download_param job(const std::string& path, const std::string& image) {
+        download_param param;
+        param.url = serverUrl(server, "127.0.0.1", path);
+        host.prepare(param, image, 1);
+        return param;
+    }
+
     TestServer server;
     LogCapture log;
     WebClient client;
     ProgressHost host;
+};
+
+TEST_F(ProgressJob, HostCancelStopsAfterOneMoreChunk) {
     TempFile out;
-    download_param param;
-    param.url = serverUrl(server, "127.0.0.1", "/slow/1048576?chunk=65536&delay_ms=5");
-    host.prepare(param, "img", 1);
+    download_param param = job("/slow/1048576?chunk=65536&delay_ms=5", "img");
     double countedAtCancel = 0;
     host.onFirstReport = [&] {  // runs under the progress lock, as a host would hold it
         ImageDownload& entry = host.map["job"]["img"];
@@ -138,29 +148,18 @@ TEST(DownloadStream, HostCancelStopsAfterOneMoreChunk) {
     EXPECT_EQ(static_cast<double>(readWholeFile(out.path()).size()), counted);
 }
 
-TEST(DownloadStream, UnwritableFileCancelsTheDownload) {
-    TestServer server;
-    LogCapture log;
-    WebClient client;
-    ProgressHost host;
+TEST_F(ProgressJob, UnwritableFileCancelsTheDownload) {
     TempFile out("existing");
-    download_param param;
-    param.url = serverUrl(server, "127.0.0.1", "/bytes/200000");
-    host.prepare(param, "ro", 1);
+    download_param param = job("/bytes/200000", "ro");
     int code = 0;
     const std::string error = client.downloadStream(&param, openForWriting(out.path(), "r"), &code, false);
     EXPECT_FALSE(error.empty());
     EXPECT_EQ(log.count("write file error, download for this image will be cancel, image: ro"), 1u);
 }
 
-TEST(DownloadStream, UnknownLengthSendsNoReportAndNeverCompletes) {
-    TestServer server;
-    WebClient client;
-    ProgressHost host;
+TEST_F(ProgressJob, UnknownLengthSendsNoReportAndNeverCompletes) {
     TempFile out;
-    download_param param;
-    param.url = serverUrl(server, "127.0.0.1", "/bytes-chunked/500000");
-    host.prepare(param, "chunked", 1);
+    download_param param = job("/bytes-chunked/500000", "chunked");
     int code = 0;
     EXPECT_EQ(client.downloadStream(&param, openForWriting(out.path()), &code, false), "");
     EXPECT_TRUE(host.percentages.empty());
