@@ -29,6 +29,10 @@ public:
     CURL* curl_handle;        // null when curl_easy_init failed
     time_t last_used;         // creation, then each time the pool hands it out
     pthread_mutex_t mutex;    // held by the one request using the handle
+    // Connections and DNS answers of caller's-thread transfers, kept apart
+    // from `curl_handle` so they survive its replacement by a new handle.
+    // Used under `mutex` only; null when libcurl could not make one.
+    CURLSH* share;
 };
 
 using WebHandlePool = std::map<std::string, std::shared_ptr<WebHandle>>;

@@ -2,6 +2,7 @@
 // thread; no pool, no backend, no peer verification.
 #include "webclient/easy_web_client.h"
 
+#include "engine/handle_renewal.h"
 #include "util/log.h"
 #include "webclient/flat_api.h"
 #include "webclient/web_request.h"
@@ -37,6 +38,7 @@ EasyWebClient::~EasyWebClient() {
 void EasyWebClient::setupRequest(std::string const& url, std::string const& user,
                                  std::string const& password, std::string const& cookie,
                                  std::vector<std::string>& headers) {
+    curl_handle = webclient::handleForNextTransfer(curl_handle);
     if (curl_handle == nullptr) return;
     CURL* h = curl_handle;
     curl_easy_setopt(h, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));

@@ -2,6 +2,7 @@
 // written) and method class, evicted after 900 s without being handed out.
 #include <set>
 
+#include "engine/handle_renewal.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
 #include "webclient/web_handle.h"
@@ -23,7 +24,7 @@ void sweepPool(WebHandlePool& pool, time_t now) {
 
 }  // namespace
 
-WebHandle::WebHandle() : curl_handle(nullptr), last_used(0) {
+WebHandle::WebHandle() : curl_handle(nullptr), last_used(0), share(webclient::makeConnectionShare()) {
     pthread_mutex_init(&mutex, nullptr);
     curl_handle = curl_easy_init();
     last_used = time(nullptr);
@@ -32,6 +33,8 @@ WebHandle::WebHandle() : curl_handle(nullptr), last_used(0) {
 WebHandle::~WebHandle() {
     pthread_mutex_destroy(&mutex);
     if (curl_handle != nullptr) curl_easy_cleanup(curl_handle);
+    // After the easy handle: a share still in use refuses to go.
+    if (share != nullptr) curl_share_cleanup(share);
 }
 
 void WebHandle::Lock() { (void)pthread_mutex_lock(&mutex); }

@@ -8,6 +8,7 @@
 
 #include <openssl/x509.h>
 
+#include "engine/handle_renewal.h"
 #include "engine/web_request_impl.h"
 #include "util/log.h"
 #include "webclient/ca_bundle.h"
@@ -24,6 +25,14 @@ constexpr long kTotalTimeoutSeconds = 1200;
 // until the wait limit. This is the limit newer libcurl applies by default.
 constexpr long kMaxRedirects = 30;
 constexpr int kSlowWaitWarningSeconds = 30;
+
+// Brings the pooled handle, held locked, to a clean state for a new
+// transfer: a new easy handle where libcurl cannot safely reuse one.
+void renewPooledHandle(WebHandle& pooled) {
+    CURL* next = webclient::handleForNextTransfer(pooled.curl_handle);
+    if (next != nullptr && next == pooled.curl_handle) curl_easy_reset(next);
+    pooled.curl_handle = next;
+}
 
 // Requests to the local HTTPS endpoint never verify TLS.
 bool isLocalHttpsUrl(const std::string& url) {
@@ -79,11 +88,11 @@ WebRequest::WebRequest(std::string const& url, std::string const& method, bool u
       use_ssl(useSsl) {
     impl_->web_handle = WebHandleManager::getInstance()->GetWebHandle(url, method);
     if (impl_->web_handle) {
-        impl_->curl_handle = impl_->web_handle->curl_handle;
         impl_->web_handle->Lock();
+        renewPooledHandle(*impl_->web_handle);
+        impl_->curl_handle = impl_->web_handle->curl_handle;
     }
     if (impl_->curl_handle != nullptr) {
-        curl_easy_reset(impl_->curl_handle);
         memset_s_helper(impl_->error_buffer, sizeof impl_->error_buffer, 0,
                         sizeof impl_->error_buffer);
         curl_easy_setopt(impl_->curl_handle, CURLOPT_ERRORBUFFER, impl_->error_buffer);
@@ -267,6 +276,10 @@ void WebRequest::EasyWebRequestPerform(void* handle) {
     static const char kTag[] = "EasyWebRequestPerform";
     const std::string printable = getPrintableUrl();
     WC_LOG_DEBUG("[%s] Begin to execute easy web client for url: %s", kTag, printable.c_str());
+    // The share keeps the origin's connection open across easy handles.
+    if (impl_->web_handle && impl_->web_handle->share != nullptr) {
+        curl_easy_setopt(static_cast<CURL*>(handle), CURLOPT_SHARE, impl_->web_handle->share);
+    }
     impl_->result = curl_easy_perform(static_cast<CURL*>(handle));
     if (impl_->result == CURLE_OK) return;
     WC_LOG_ERROR("[%s] Failed to execute easy web request %s, error code: %d", kTag,

@@ -59,6 +59,17 @@ TEST_P(BlockingVerbs, HttpErrorsAreAnswersNotFailures) {
     EXPECT_EQ(code, 500);
 }
 
+// Each transfer may get a new easy handle; the origin's open connection must
+// serve the next request all the same.
+TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
+    std::string response, error;
+    int code = 0;
+    client.get(url("/echo"), "", "", headers, response, &code, error, false);
+    const int firstPort = lastRequest(server).remote_port;
+    client.get(url("/echo"), "", "", headers, response, &code, error, false);
+    EXPECT_EQ(lastRequest(server).remote_port, firstPort);
+}
+
 TEST(BlockingVerbFailures, TransferFailureIsReportedOnceWithoutRetry) {
     LogCapture log;
     WebClient client;

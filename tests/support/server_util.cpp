@@ -103,6 +103,7 @@ RecordedRequest TestServer::record(const httplib::Request& request) {
     seen.path = request.path;
     for (const auto& header : request.headers) seen.headers.insert(header);
     seen.body = request.body;
+    seen.remote_port = request.remote_port;
     for (const auto& file : request.files) {
         seen.parts.push_back({file.second.name, file.second.filename, file.second.content_type,
                               file.second.content});

@@ -27,6 +27,7 @@ struct RecordedRequest {
     std::multimap<std::string, std::string> headers;
     std::string body;
     std::vector<RecordedPart> parts;  // multipart form parts, in order
+    int remote_port = 0;              // the same port: the same connection
 };
 
 struct TlsFiles {

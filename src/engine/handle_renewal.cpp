@@ -1,0 +1,32 @@
+#include "engine/handle_renewal.h"
+
+#include <initializer_list>
+
+namespace webclient {
+
+bool reusedHandlesKeepStaleHeader() {
+    static const bool affected = curl_version_info(CURLVERSION_NOW)->version_num < 0x080100;
+    return affected;
+}
+
+CURL* handleForNextTransfer(CURL* handle) {
+    if (handle == nullptr || !reusedHandlesKeepStaleHeader()) return handle;
+    CURL* fresh = curl_easy_init();
+    if (fresh == nullptr) return handle;
+    curl_easy_cleanup(handle);
+    return fresh;
+}
+
+CURLSH* makeConnectionShare() {
+    CURLSH* share = curl_share_init();
+    if (share == nullptr) return nullptr;
+    for (curl_lock_data data : {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_DNS}) {
+        if (curl_share_setopt(share, CURLSHOPT_SHARE, data) != CURLSHE_OK) {
+            curl_share_cleanup(share);
+            return nullptr;
+        }
+    }
+    return share;
+}
+
+}  // namespace webclient

@@ -1,0 +1,24 @@
+// Replacing a reused easy handle before each transfer where the installed
+// libcurl cannot safely reuse one.
+#pragma once
+
+#include <curl/curl.h>
+
+namespace webclient {
+
+// True when libcurl (before 8.1.0) keeps pointing at the previous transfer's
+// last response header after freeing it: a response whose first header line
+// is a folded continuation then reads and writes freed memory. Only a new
+// easy handle starts without that pointer.
+bool reusedHandlesKeepStaleHeader();
+
+// The handle to use for the next transfer: `handle` itself, or, where reuse
+// is unsafe, a new handle (and `handle` is cleaned up). Falls back to
+// `handle` when libcurl cannot make a new one.
+CURL* handleForNextTransfer(CURL* handle);
+
+// A share for the caller's-thread path, so that its connections and DNS
+// answers outlive the easy handle they were made with. Null on failure.
+CURLSH* makeConnectionShare();
+
+}  // namespace webclient
