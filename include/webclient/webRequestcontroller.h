@@ -88,6 +88,8 @@ public:
     std::vector<ReadySocket> ready_sockets;
     // Whether `ready` still names the socket it was polled as.
     bool stillWatched(const ReadySocket& ready);
+    // Whether libcurl's timer has expired.
+    bool timerDue();
 };
 
 class WEBCLIENT_API WebRequestManager {

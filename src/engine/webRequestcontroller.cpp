@@ -106,6 +106,11 @@ bool WebRequestController::stillWatched(const ReadySocket& ready) {
     return found != watched_sockets.end() && found->second.generation == ready.generation;
 }
 
+bool WebRequestController::timerDue() {
+    utilities::lock::lock_guard guard(&socket_mutex);
+    return timer_due_ms >= 0 && timer_due_ms <= monotonicMs();
+}
+
 int WebRequestController::onTimer(CURLM*, long timeoutMs, void* controller) {
     auto* self = static_cast<WebRequestController*>(controller);
     utilities::lock::lock_guard guard(&self->socket_mutex);
@@ -157,6 +162,9 @@ void* WebRequestController::run(void* controller) {
 // of active transfers.
 static int driveTransfers(WebRequestController& controller) {
     int active = 0;
+    // Each socket call also runs libcurl's expired timers; a separate timer
+    // call is needed only when no socket was ready or the timer is due.
+    const bool socketsReady = !controller.ready_sockets.empty();
     for (const auto& ready : controller.ready_sockets) {
         utilities::lock::lock_guard_read guard(&controller.multi_lock);
         // Checked under the multi lock, so no caller can close the socket
@@ -168,6 +176,7 @@ static int driveTransfers(WebRequestController& controller) {
         if (code != CURLM_OK) handleError(code);
     }
     controller.ready_sockets.clear();
+    if (socketsReady && !controller.timerDue()) return active;
     utilities::lock::lock_guard_read guard(&controller.multi_lock);
     CURLMcode code = curl_multi_socket_action(controller.multi, CURL_SOCKET_TIMEOUT, 0, &active);
     if (code != CURLM_OK) handleError(code);
