@@ -24,7 +24,8 @@
 namespace {
 
 constexpr int kSequentialRequests = 2000;
-constexpr double kParallelSeconds = 5.0;
+constexpr double kParallelSeconds = 6.0;
+constexpr int kParallelRounds = 6;
 constexpr int kPickupRequests = 200;
 
 // ratio = library / raw: above 1 is slower for times, faster for rates.
@@ -33,19 +34,21 @@ void row(const char* scenario, const char* metric, double library, double raw) {
     std::printf("| %s | %s | %.3f | %.3f | %.2f |\n", scenario, metric, library, raw, ratio);
 }
 
-// Per-request times in microseconds of `count` calls of `get`.
-std::vector<double> timeRequests(int count, const std::function<bool()>& get) {
-    std::vector<double> micros;
-    micros.reserve(static_cast<size_t>(count));
+// Per-request times in microseconds of `count` calls of each of `library`
+// and `raw`, alternated call by call so that both see the same machine
+// (a shared VM's speed drifts within seconds).
+void timeAlternately(int count, const std::function<bool()>& library, const std::function<bool()>& raw,
+                     std::vector<double>& libraryMicros, std::vector<double>& rawMicros) {
     for (int i = 0; i < count; ++i) {
-        const auto start = BenchClock::now();
-        if (!get()) {
-            std::fprintf(stderr, "request failed\n");
-            std::exit(1);
+        for (auto* side : {&library, &raw}) {
+            const auto start = BenchClock::now();
+            if (!(*side)()) {
+                std::fprintf(stderr, "request failed\n");
+                std::exit(1);
+            }
+            (side == &library ? libraryMicros : rawMicros).push_back(secondsSince(start) * 1e6);
         }
-        micros.push_back(secondsSince(start) * 1e6);
     }
-    return micros;
 }
 
 bool libraryGet(const std::string& url) {
@@ -60,12 +63,14 @@ void sequential(const char* scenario, const std::string& base) {
     RawClient raw;
     libraryGet(url);  // warm the pooled handle and connection, as raw gets below
     raw.get(url);
-    const double lib = median(timeRequests(kSequentialRequests, [&] { return libraryGet(url); }));
-    const double rawTime = median(timeRequests(kSequentialRequests, [&] { return raw.get(url) == 1024; }));
-    row(scenario, "median time per 1 KiB GET (us)", lib, rawTime);
+    std::vector<double> lib, rawTimes;
+    timeAlternately(kSequentialRequests, [&] { return libraryGet(url); }, [&] { return raw.get(url) == 1024; },
+                    lib, rawTimes);
+    row(scenario, "median time per 1 KiB GET (us)", median(lib), median(rawTimes));
 }
 
-double requestsPerSecond(const std::vector<std::string>& origins, const std::function<bool(int, const std::string&)>& get) {
+double requestsPerSecond(const std::vector<std::string>& origins, double seconds,
+                         const std::function<bool(int, const std::string&)>& get) {
     std::atomic<long> done{0};
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
@@ -75,18 +80,25 @@ double requestsPerSecond(const std::vector<std::string>& origins, const std::fun
             while (!stop) done += get(static_cast<int>(t), url) ? 1 : 0;
         });
     }
-    std::this_thread::sleep_for(std::chrono::duration<double>(kParallelSeconds));
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     stop = true;
     for (auto& thread : threads) thread.join();
-    return static_cast<double>(done) / kParallelSeconds;
+    return static_cast<double>(done) / seconds;
 }
 
+// Short rounds, library and raw in turn; the medians of the rounds.
 void parallel(const std::vector<std::string>& origins) {
-    const double lib = requestsPerSecond(origins, [](int, const std::string& url) { return libraryGet(url); });
     std::vector<std::unique_ptr<RawClient>> raws;
     for (size_t i = 0; i < origins.size(); ++i) raws.emplace_back(new RawClient());
-    const double raw = requestsPerSecond(origins, [&](int t, const std::string& url) { return raws[t]->get(url) == 1024; });
-    row("3 four threads, own origins", "requests per second", lib, raw);
+    const double roundSeconds = kParallelSeconds / kParallelRounds;
+    std::vector<double> lib, raw;
+    for (int round = 0; round < kParallelRounds; ++round) {
+        lib.push_back(requestsPerSecond(origins, roundSeconds,
+                                        [](int, const std::string& url) { return libraryGet(url); }));
+        raw.push_back(requestsPerSecond(origins, roundSeconds,
+                                        [&](int t, const std::string& url) { return raws[t]->get(url) == 1024; }));
+    }
+    row("3 four threads, own origins", "requests per second", median(lib), median(raw));
 }
 
 void download(const std::string& base, bool useLibrary) {
