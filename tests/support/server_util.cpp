@@ -1,6 +1,5 @@
 #include "support/server_util.h"
 
-#include <curl/curl.h>
 #include <strings.h>
 
 #include <chrono>
@@ -50,6 +49,8 @@ void TestServer::start(const std::string& address, const Setup& setup, int port)
     addStandardEndpoints();
     // Shutdown waits for idle keep-alive connections to time out.
     server_->set_keep_alive_timeout(1);
+    // Small answers would otherwise wait for the client's delayed ACK.
+    server_->set_tcp_nodelay(true);
     if (setup) setup(*server_);
     if (port == 0) {
         port_ = server_->bind_to_any_port(address.c_str());
@@ -81,11 +82,6 @@ std::vector<RecordedRequest> TestServer::requests() const {
     return requests_;
 }
 
-void TestServer::clearRequests() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    requests_.clear();
-}
-
 void TestServer::serveBytes(const std::string& path, const std::string& body, int status) {
     std::lock_guard<std::mutex> guard(mutex_);
     served_[path] = {status, body};
@@ -98,16 +94,9 @@ void TestServer::keepRecords(bool keep) {
 }
 
 RecordedRequest TestServer::record(const httplib::Request& request) {
-    RecordedRequest seen;
-    seen.method = request.method;
-    seen.path = request.path;
+    RecordedRequest seen{request.method, request.path, {}, request.body, {}, request.remote_port};
     for (const auto& header : request.headers) seen.headers.insert(header);
-    seen.body = request.body;
-    seen.remote_port = request.remote_port;
-    for (const auto& file : request.files) {
-        seen.parts.push_back({file.second.name, file.second.filename, file.second.content_type,
-                              file.second.content});
-    }
+    for (const auto& file : request.files) seen.parts.push_back(file.second);
     std::lock_guard<std::mutex> guard(mutex_);
     if (keepRecords_) requests_.push_back(seen);
     return seen;
@@ -119,85 +108,59 @@ bool TestServer::stallFor(int milliseconds) {
 }
 
 void TestServer::addStandardEndpoints() {
-    auto echo = [this](const httplib::Request& req, httplib::Response& res) {
-        res.set_content(describe(record(req)), "text/plain");
-    };
-    server_->Get("/echo", echo);
-    server_->Post("/echo", echo);
-    server_->Put("/echo", echo);
-    server_->Patch("/echo", echo);
-    server_->Delete("/echo", echo);
-    server_->Get(R"(/status/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+    using Request = const httplib::Request&;
+    using Response = httplib::Response&;
+    auto echo = [this](Request req, Response res) { res.set_content(describe(record(req)), "text/plain"); };
+    auto empty = [this](Request req, Response) { record(req); };
+    server_->Get("/echo", echo).Post("/echo", echo).Put("/echo", echo).Patch("/echo", echo).Delete("/echo", echo);
+    server_->Get("/empty", empty).Post("/empty", empty);
+    server_->Get(R"(/status/(\d+))", [this](Request req, Response res) {
         record(req);
         res.status = std::stoi(req.matches[1]);
         res.set_content("status " + std::string(req.matches[1]), "text/plain");
     });
-    server_->Post("/empty", [this](const httplib::Request& req, httplib::Response&) { record(req); });
-    server_->Get("/empty", [this](const httplib::Request& req, httplib::Response&) { record(req); });
-    server_->Get("/redirect", [this](const httplib::Request& req, httplib::Response& res) {
+    server_->Get("/redirect", [this](Request req, Response res) {
         record(req);
         res.set_redirect(req.get_param_value("to"));
     });
-    server_->Get("/redirect-loop", [](const httplib::Request&, httplib::Response& res) {
-        res.set_redirect("/redirect-loop");
-    });
-    server_->Get(R"(/bytes/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+    server_->Get("/redirect-loop", [](Request, Response res) { res.set_redirect("/redirect-loop"); });
+    server_->Get(R"(/bytes/(\d+))", [this](Request req, Response res) {
         record(req);
         res.set_content(pattern(std::stoul(req.matches[1])), "application/octet-stream");
     });
-    server_->Get(R"(/bytes-chunked/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+    // The same bytes without a Content-Length.
+    server_->Get(R"(/bytes-chunked/(\d+))", [this](Request req, Response res) {
         record(req);
         auto body = std::make_shared<std::string>(pattern(std::stoul(req.matches[1])));
-        res.set_chunked_content_provider("application/octet-stream",
-                                         [body](size_t offset, httplib::DataSink& sink) {
-                                             const size_t n = std::min<size_t>(16384, body->size() - offset);
-                                             if (n == 0) {
-                                                 sink.done();
-                                                 return true;
-                                             }
-                                             sink.write(body->data() + offset, n);
-                                             return true;
-                                         });
+        res.set_chunked_content_provider("application/octet-stream", [body](size_t offset, httplib::DataSink& sink) {
+            const size_t n = std::min<size_t>(16384, body->size() - offset);
+            if (n == 0) sink.done();
+            return n == 0 || sink.write(body->data() + offset, n);
+        });
     });
-    server_->Get(R"(/slow/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+    // `chunk` bytes at a time, `delay_ms` apart.
+    server_->Get(R"(/slow/(\d+))", [this](Request req, Response res) {
         record(req);
-        const size_t total = std::stoul(req.matches[1]);
         const size_t chunk = static_cast<size_t>(intParam(req, "chunk", 16384));
         const int delay = intParam(req, "delay_ms", 10);
-        auto body = std::make_shared<std::string>(pattern(total));
-        res.set_content_provider(total, "application/octet-stream",
+        auto body = std::make_shared<std::string>(pattern(std::stoul(req.matches[1])));
+        res.set_content_provider(body->size(), "application/octet-stream",
                                  [this, body, chunk, delay](size_t offset, size_t, httplib::DataSink& sink) {
                                      if (offset > 0 && !stallFor(delay)) return false;
-                                     sink.write(body->data() + offset, std::min(chunk, body->size() - offset));
-                                     return true;
+                                     return sink.write(body->data() + offset, std::min(chunk, body->size() - offset));
                                  });
     });
-    server_->Get("/stall", [this](const httplib::Request& req, httplib::Response& res) {
+    server_->Get("/stall", [this](Request req, Response res) {
         record(req);
         stallFor(intParam(req, "ms", 1000));
         res.set_content("stalled", "text/plain");
     });
-    server_->Get("/close-mid-body", [this](const httplib::Request& req, httplib::Response& res) {
-        record(req);
-        const size_t total = static_cast<size_t>(intParam(req, "n", 100000));
-        auto body = std::make_shared<std::string>(pattern(total));
-        res.set_content_provider(total, "application/octet-stream",
-                                 [body](size_t offset, size_t, httplib::DataSink& sink) {
-                                     if (offset >= body->size() / 2) return false;  // drop the connection
-                                     sink.write(body->data() + offset, body->size() / 2 - offset);
-                                     return true;
-                                 });
-    });
-    server_->Get(R"(/served/(.*))", [this](const httplib::Request& req, httplib::Response& res) {
+    server_->Get(R"(/served/(.*))", [this](Request req, Response res) {
         record(req);
         std::lock_guard<std::mutex> guard(mutex_);
         auto found = served_.find(req.path);
-        if (found == served_.end()) {
-            res.status = 404;
-            return;
-        }
-        res.status = found->second.first;
-        res.set_content(found->second.second, "application/octet-stream");
+        res.status = found == served_.end() ? 404 : found->second.first;
+        if (found != served_.end()) res.set_content(found->second.second, "application/octet-stream");
     });
 }
 
@@ -215,16 +178,4 @@ std::string headerOf(const RecordedRequest& request, const std::string& name) {
         if (strcasecmp(header.first.c_str(), name.c_str()) == 0) return header.second;
     }
     return std::string();
-}
-
-long fetchStatus(const std::string& url) {
-    CURL* handle = curl_easy_init();
-    long status = 0;
-    curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION,
-                     +[](char*, size_t size, size_t count, void*) { return size * count; });
-    curl_easy_setopt(handle, CURLOPT_TIMEOUT, 10L);
-    if (curl_easy_perform(handle) == CURLE_OK) curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
-    curl_easy_cleanup(handle);
-    return status;
 }

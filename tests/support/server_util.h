@@ -13,21 +13,13 @@
 #include <thread>
 #include <vector>
 
-struct RecordedPart {
-    std::string name;
-    std::string filename;
-    std::string content_type;
-    std::string content;
-};
-
 struct RecordedRequest {
     std::string method;
     std::string path;
-    std::string query;  // raw query string (without '?')
     std::multimap<std::string, std::string> headers;
     std::string body;
-    std::vector<RecordedPart> parts;  // multipart form parts, in order
-    int remote_port = 0;              // the same port: the same connection
+    std::vector<httplib::MultipartFormData> parts;  // multipart form parts, by name
+    int remote_port = 0;  // the same port: the same connection
 };
 
 struct TlsFiles {
@@ -55,7 +47,6 @@ public:
     std::string url(const std::string& host, const std::string& path) const;
 
     std::vector<RecordedRequest> requests() const;
-    void clearRequests();
     // Stop (or resume) keeping what arrives; a long load run keeps nothing.
     void keepRecords(bool keep);
     // Serves `body` at `path` (plain GET); may be changed while running.
@@ -85,7 +76,5 @@ std::string serverUrl(const TestServer& server, const std::string& host, const s
 RecordedRequest lastRequest(const TestServer& server);
 // Value of the first header with this name (case-insensitive), or "".
 std::string headerOf(const RecordedRequest& request, const std::string& name);
-// The HTTP status of a plain GET made with raw libcurl (0 when none).
-long fetchStatus(const std::string& url);
 // The deterministic body of /bytes/<n>: byte i is 'a' + i % 26.
 std::string pattern(size_t length);

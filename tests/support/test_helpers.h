@@ -6,45 +6,24 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include "webclient/web_request.h"
 
-// Collects what a data or header callback receives, and on which thread.
-class Collected {
-public:
-    Collected() : owner_(std::this_thread::get_id()) {}
-
+// What a data or header callback received. Read it only after the
+// request's wait has returned: completion orders the callbacks before it.
+struct Collected {
+    std::string text;
+    double contentLength = 0;  // offered with the last piece (-1.0 unknown)
+    bool onOtherThread = false;
     DataReceivedCallback callback() {
-        return [this](std::shared_ptr<DataReceivedEventArgs> args) {
-            std::lock_guard<std::mutex> guard(mutex_);
-            text_.append(args->data, static_cast<size_t>(args->size));
-            sawOtherThread_ |= (std::this_thread::get_id() != owner_);
-            ++chunks_;
+        return [this, caller = std::this_thread::get_id()](std::shared_ptr<DataReceivedEventArgs> args) {
+            text.append(args->data, static_cast<size_t>(args->size));
+            contentLength = args->content_length;
+            onOtherThread |= std::this_thread::get_id() != caller;
         };
     }
-    std::string text() const {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return text_;
-    }
-    int chunks() const {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return chunks_;
-    }
-    // True when every piece arrived on the thread that made this object.
-    bool onCallerThread() const {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return chunks_ > 0 && !sawOtherThread_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::thread::id owner_;
-    std::string text_;
-    int chunks_ = 0;
-    bool sawOtherThread_ = false;
 };
 
 // A file with the given contents, removed when the object goes.
@@ -69,5 +48,32 @@ private:
     std::string path_;
 };
 
+// Points standard input at a pipe holding `data` for the object's lifetime:
+// a body-less POST must not send what libcurl would read from it.
+class StdinWithData {
+public:
+    explicit StdinWithData(const std::string& data) {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        (void)!write(fds[1], data.data(), data.size());
+        close(fds[1]);
+        dup2(fds[0], STDIN_FILENO);
+        close(fds[0]);
+    }
+    ~StdinWithData() {
+        dup2(saved_, STDIN_FILENO);
+        close(saved_);
+    }
+    StdinWithData(const StdinWithData&) = delete;
+    StdinWithData& operator=(const StdinWithData&) = delete;
+
+private:
+    int saved_ = dup(STDIN_FILENO);
+};
+
 // Reads a whole file; empty when it cannot be read.
 std::string readWholeFile(const std::string& path);
+
+// Runs a GET to its end through WebRequest: the HTTP status, or -1 when the
+// wait ran out.
+long completeGet(const std::string& url);
