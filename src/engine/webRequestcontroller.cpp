@@ -281,8 +281,10 @@ void WebRequestController::addRequest(WebRequest* request) {
     {
         utilities::lock::lock_guard wakeGuard(&wake_mutex);
         ++registrations;
-        pthread_cond_signal(&wake_cond);
     }
+    // After the unlock: the woken thread re-checks under wake_mutex, so no
+    // wake-up is lost, and it does not wake only to block on our lock.
+    pthread_cond_signal(&wake_cond);
     wake();
 }
 

@@ -1,5 +1,6 @@
 // WebRequest: construction on a pooled handle, the common libcurl set-up,
 // data delivery, completion, waiting and tear-down.
+#include <sched.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -25,6 +26,23 @@ constexpr long kTotalTimeoutSeconds = 1200;
 // until the wait limit. This is the limit newer libcurl applies by default.
 constexpr long kMaxRedirects = 30;
 constexpr int kSlowWaitWarningSeconds = 30;
+// How long an owner keeps checking for completion before it sleeps. Waking
+// a sleeping thread costs tens of microseconds (more on a virtual machine),
+// as much as a whole exchange with a nearby server; a short check that
+// yields the processor lets quick answers return without that cost.
+constexpr long kCompletionSpinMicroseconds = 200;
+
+long long microsecondsSince(const struct timespec& start) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec - start.tv_sec) * 1000000 + (now.tv_nsec - start.tv_nsec) / 1000;
+}
+
+void yieldUntilSet(const bool& flag, long microseconds) {
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    while (!__atomic_load_n(&flag, __ATOMIC_ACQUIRE) && microsecondsSince(start) < microseconds) sched_yield();
+}
 
 // Brings the pooled handle, held locked, to a clean state for a new
 // transfer: a new easy handle where libcurl cannot safely reuse one.
@@ -223,9 +241,14 @@ void WebRequest::setComplete() {
     WC_LOG_DEBUG("%p setComplete %s", static_cast<void*>(this), getPrintableUrl().c_str());
     if (impl_->on_complete) impl_->on_complete();
     pthread_mutex_lock(&mutex);
-    completed = true;
-    pthread_cond_signal(&cond);
+    __atomic_store_n(&completed, true, __ATOMIC_RELEASE);  // also read unlocked by wait()
     pthread_mutex_unlock(&mutex);
+    // Signalled after the unlock, so that the woken owner does not block
+    // at once on the mutex still held here (two more context switches per
+    // request). The owner cannot destroy the condition meanwhile: the
+    // transfer thread holds the multi lock for reading across this call,
+    // and the owner's closeRequest() takes it for writing first.
+    pthread_cond_signal(&cond);
 }
 
 int WebRequest::wait(int timeoutMs) {
@@ -238,6 +261,7 @@ int WebRequest::wait(int timeoutMs) {
     deadline.tv_sec = now.tv_sec + timeoutMs / 1000;
     deadline.tv_nsec = now.tv_usec * 1000;
     int outcome = 0;
+    yieldUntilSet(completed, kCompletionSpinMicroseconds);
     pthread_mutex_lock(&mutex);
     if (completed) {
         pthread_mutex_unlock(&mutex);
