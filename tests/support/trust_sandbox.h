@@ -1,9 +1,8 @@
 // Puts the process-wide trust store into a known state for one test: the
-// re-rooted fixed paths (test build) are laid out afresh with the project's
-// extraction script and the test bundle-signing root, the download URL
-// points at a loopback server, and status, CA file, fallback flag and
-// handler are reset. The destructor resets the store again and removes the
-// re-rooted tree.
+// re-rooted fixed paths (test build) laid out afresh with the project's
+// extraction script and the test bundle-signing root, downloads from a
+// loopback server, no CA file or handler, and the shipped-bundle fallback
+// allowed. The destructor resets the store and removes the re-rooted tree.
 #pragma once
 
 #include <string>
@@ -16,31 +15,22 @@ class TrustStoreSandbox {
 public:
     TrustStoreSandbox();
     ~TrustStoreSandbox();
-    TrustStoreSandbox(const TrustStoreSandbox&) = delete;
-    TrustStoreSandbox& operator=(const TrustStoreSandbox&) = delete;
 
     static CaBundleManager& store() { return *CaBundleProvider::GetInstance(); }
-    // bundle_status, read under status_mutex.
-    static int status();
-    // A signed bundle (DER CMS) holding the given PEM files, signed by the
-    // test PKI's `signer` (or another signer base name).
+    static int status();  // bundle_status, read under status_mutex
+    static bool caFileHeld();  // whether file_lock has a read hold
+    // A bundle of these PEM files signed by a test signer, made by the
+    // project's tools/make_trust_bundle.sh.
     static std::string makeBundle(const std::vector<std::string>& pemFiles, const std::string& signer = "signer");
-    // What the loopback server answers at the download URL (which points
-    // there again after failDownloads).
+    // What the download URL answers (it points here again after failDownloads).
     void serveBundle(const std::string& bytes, int status = 200);
-    // Points the download URL at a port that refuses connections.
-    void failDownloads();
-    // Bundle requests that reached the loopback server.
-    int downloadsSeen() const;
-    const TestServer& server() const { return bundleServer_; }
-    static void installShippedBundle(const std::string& bytes);
-    // Replaces the extraction script with a shell script of this body.
-    static void installScript(const std::string& body);
+    static void failDownloads() { store().download_url = "http://127.0.0.1:0/"; }  // port 0: refused
+    int downloadsSeen() const { return static_cast<int>(server_.requests().size()); }
+    // Replaces the extraction script with a new file (the old one may still run).
+    static void installScript(const std::string& text);
 
 private:
-    TestServer bundleServer_;
-    std::string bundleUrl_;
-    int closedPortSocket_ = -1;
+    TestServer server_;
 };
 
 // Writes `bytes` to `path`, creating the parent directories.

@@ -1,0 +1,280 @@
+// The trust store end to end: child processes of /bin/sh (popen3), the real
+// extraction script and openssl run by ExtractCa, bundles from a loopback
+// server, the host's handler, the CA file's read hold and the expiry timer.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "support/pki.h"
+#include "support/test_helpers.h"
+#include "support/trust_sandbox.h"
+#include "truststore/truststore_paths.h"
+#include "webclient/popen3.h"
+
+namespace fs = std::filesystem;
+using truststore_paths::kCaBundlePem;
+// The child-process functions write their diagnostics to descriptor 2.
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+namespace {
+
+size_t openDescriptors() {
+    return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+// No child at all, running or zombie (a zombie found is reaped, and fails).
+bool noChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+// A shell loop writing `lines` lines of about 60 bytes to descriptor `fd`.
+std::string floodOf(int lines, int fd) {
+    return "i=0; while [ $i -lt " + std::to_string(lines) + " ]; do echo \"line $i " + std::string(50, '.') +
+           "\" >&" + std::to_string(fd) + "; i=$((i+1)); done\n";
+}
+
+// Polls, bounded, until `done` holds.
+bool eventually(const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+struct TrustStore : ::testing::Test {
+    TrustStoreSandbox sandbox;
+    CaBundleManager& store = TrustStoreSandbox::store();
+    const std::string caPem = readWholeFile(TestPki::instance().file("ca.pem"));
+    const std::string good = TrustStoreSandbox::makeBundle({TestPki::instance().file("ca.pem")});
+};
+
+}  // namespace
+
+TEST(Popen3, CapturesOutputAsBoundedLinesAndTheExitStatus) {
+    const struct {
+        std::string command;
+        bool fromStderr;
+        std::string buffer;  // all of it, as fgets_some leaves it
+        int status;
+    } cases[] = {
+        {"printf 'one\\ntwo\\n'; exit 3", false, std::string("one\n\0two\n\0", 10) + std::string(54, '\0'),
+         W_EXITCODE(3, 0)},
+        {"printf 'oops\\n' >&2; kill -9 $$", true, "oops\n" + std::string(11, '\0'), W_EXITCODE(0, SIGKILL)},
+        {"/nonexistent/command", false, std::string(8, '\0'), W_EXITCODE(127, 0)},
+        // Far more than a pipe holds: the child ends only if the rest is
+        // drained. A line longer than the room left is split as fgets does.
+        {floodOf(2000, 1), false, std::string("line 0 ....\0", 12), 0},
+    };
+    for (const auto& c : cases) {
+        std::vector<char> buffer(c.buffer.size(), 'x');
+        CaptureStderr();
+        popen3_streams child = popen3(c.command.c_str());
+        EXPECT_EQ(fgets_some(buffer.data(), static_cast<int>(buffer.size()),
+                             c.fromStderr ? child.child_err : child.child_out), 0);
+        EXPECT_EQ(pclose3(child), c.status) << c.command;
+        (void)GetCapturedStderr();
+        EXPECT_EQ(std::string(buffer.data(), buffer.size()), c.buffer) << c.command;
+    }
+    EXPECT_TRUE(noChildren());
+
+    FILE* unrelated = tmpfile();
+    EXPECT_EQ(pclose3(popen3_streams{unrelated, nullptr, nullptr}), -1);
+    EXPECT_NE(fcntl(fileno(unrelated), F_GETFD), -1) << "a stream of no child is left open";
+    fclose(unrelated);
+}
+
+TEST(Popen3, ChildSeesOnlyItsStandardDescriptorsAndFailuresLeakNone) {
+    // Opened without close-on-exec, as libcurl opens its sockets; and a
+    // running sibling whose pipe ends the parent holds.
+    const int inheritedSocket = socket(AF_INET, SOCK_STREAM, 0);
+    CaptureStderr();
+    popen3_streams sibling = popen3("cat");
+    popen3_streams lister = popen3("ls /proc/$$/fd");
+    char listing[16];
+    EXPECT_EQ(fgets_some(listing, sizeof listing, lister.child_out), 0);
+    EXPECT_EQ(pclose3(lister), 0);
+    EXPECT_EQ(pclose3(sibling), 0);
+    (void)GetCapturedStderr();
+    close(inheritedSocket);
+    EXPECT_EQ(std::string(listing, sizeof listing), std::string("0\n\0" "1\n\0" "2\n\0", 9) + std::string(7, '\0'));
+
+    rlimit saved{};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    const size_t before = openDescriptors();
+    // Every number below a lowered limit taken, then 0, 1, 3 or 5 given
+    // back: the first, the second or the third pipe cannot be made.
+    for (int freeSlots : {0, 1, 3, 5}) {
+        rlimit tight = saved;
+        tight.rlim_cur = static_cast<rlim_t>(before + 64);
+        setrlimit(RLIMIT_NOFILE, &tight);
+        std::vector<int> fillers;
+        for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) fillers.push_back(fd);
+        for (int i = 0; i < freeSlots; ++i, fillers.pop_back()) close(fillers.back());
+        popen3_streams child = popen3("true");
+        EXPECT_TRUE(!child.child_in && !child.child_out && !child.child_err) << freeSlots;
+        for (int fd : fillers) close(fd);
+        setrlimit(RLIMIT_NOFILE, &saved);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
+    sandbox.serveBundle(good);
+    LogCapture log;
+    const size_t before = openDescriptors();
+    const std::string scripts[] = {
+        // Far more on stderr than a pipe holds before stdout ends: read one
+        // stream after the other, this stalls until the time limit kills it.
+        floodOf(2000, 2) + "echo first out\n" + floodOf(2000, 1) + "exit 1",
+        "exec sleep 600",
+        "exec >&- 2>&-\nexec sleep 600",  // both outputs end long before it does
+    };
+    for (const std::string& script : scripts) {
+        sandbox.installScript("#!/bin/sh\n" + script + "\n");
+        CaptureStderr();
+        refreshCaBundle();
+        (void)GetCapturedStderr();
+        EXPECT_EQ(sandbox.status(), 3) << script;
+        EXPECT_TRUE(noChildren()) << script;
+    }
+    EXPECT_EQ(log.countContaining("still running after 5000 ms, killed"), 2u) << "the hung ones only";
+    EXPECT_EQ(log.countContaining(" stdout: first out"), 1u);
+    EXPECT_EQ(log.countContaining(" stderr: line 0 " + std::string(50, '.')), 1u);
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(TrustStore, DownloadedBundleIsVerifiedExtractedAndHandedOver) {
+    // No CA file, and the refresh fails: an empty path, held all the same.
+    sandbox.failDownloads();
+    EXPECT_EQ(store.GetCaFile(), "");
+    EXPECT_TRUE(sandbox.caFileHeld());
+    store.PutCaFile();
+    EXPECT_FALSE(sandbox.caFileHeld());
+
+    // A longer stale download must leave no bytes behind the new one.
+    writeFileCreatingDirs(truststore_paths::kDownloadedBundle, std::string(64 * 1024, 'x'));
+    sandbox.serveBundle(good);
+    // No CA file: the caller's thread refreshes (no handler: ready all the same).
+    EXPECT_EQ(store.GetCaFile(), kCaBundlePem);
+    store.PutCaFile();
+    EXPECT_EQ(sandbox.status(), 2);
+    EXPECT_EQ(readWholeFile(kCaBundlePem), caPem);
+    EXPECT_EQ(readWholeFile(truststore_paths::kDownloadedBundle), good);
+
+    // Present and ready: neither GetCaFile nor a failure-driven refresh
+    // fetches; an explicit refresh does, and hands the new file to the host.
+    std::string handed;
+    registerCAhandler([&](const char* path) {
+        handed = path + (": " + readWholeFile(path));
+        return 0;
+    });
+    EXPECT_EQ(store.GetCaFile(), kCaBundlePem);
+    store.PutCaFile();
+    refreshCaBundleOnFailure();
+    EXPECT_EQ(sandbox.downloadsSeen(), 1);
+    refreshCaBundle();
+    EXPECT_EQ(sandbox.downloadsSeen(), 2);
+    EXPECT_EQ(handed, kCaBundlePem + (": " + caPem));
+    EXPECT_EQ(sandbox.status(), 2);
+}
+
+TEST_F(TrustStore, ShippedBundleStandsInUntilTheFirstHandOver) {
+    sandbox.failDownloads();
+    writeFileCreatingDirs(truststore_paths::kShippedBundle, good);
+    int handlerResult = 1;
+    int handlerCalls = 0;
+    registerCAhandler([&](const char*) { return ++handlerCalls, handlerResult; });
+    refreshCaBundle();
+    EXPECT_EQ(sandbox.status(), 3);  // extracted, but the host did not take it
+
+    // The failed hand-over is retried, from the shipped copy again.
+    handlerResult = 0;
+    refreshCaBundleOnFailure();
+    EXPECT_EQ(sandbox.status(), 2);
+    EXPECT_EQ(handlerCalls, 2);
+
+    // From now on a failed download is a failure; the CA file stays.
+    refreshCaBundle();
+    EXPECT_EQ(sandbox.status(), 3);
+    EXPECT_EQ(handlerCalls, 2);
+    EXPECT_EQ(readWholeFile(store.ca_file), caPem);
+}
+
+TEST_F(TrustStore, RejectedBundlesKeepThePreviousCaFile) {
+    writeFileCreatingDirs(kCaBundlePem, "previous\n");
+    // Good, but a download that completed never falls back to it.
+    writeFileCreatingDirs(truststore_paths::kShippedBundle, good);
+    int handlerCalls = 0;
+    registerCAhandler([&](const char*) { return ++handlerCalls, 0; });
+    std::string tampered = good;
+    tampered[tampered.find("BEGIN CERTIFICATE") + 100] ^= 0x01;
+    const struct {
+        const char* what;
+        std::string body;
+        int httpStatus;
+    } answers[] = {
+        {"tampered", tampered, 200},
+        {"foreign signer", TrustStoreSandbox::makeBundle({TestPki::instance().file("ca.pem")}, "foreign_signer"), 200},
+        {"error page", "<html>no such bundle</html>", 404},
+    };
+    for (const auto& answer : answers) {
+        sandbox.serveBundle(answer.body, answer.httpStatus);
+        refreshCaBundle();
+        EXPECT_EQ(sandbox.status(), 3) << answer.what;
+        EXPECT_EQ(readWholeFile(kCaBundlePem), "previous\n") << answer.what;
+        EXPECT_EQ(std::distance(fs::directory_iterator(store.cert_dir), fs::directory_iterator()), 1)
+            << answer.what << ": no temporary file left";
+    }
+    EXPECT_EQ(handlerCalls, 0);
+    EXPECT_TRUE(store.ca_file.empty());
+}
+
+TEST_F(TrustStore, ExpiryLetsTheReadyStateLapseEvenMidRefresh) {
+    const auto secondsLeft = [this] {
+        itimerspec left{};
+        timer_gettime(store.timer_id, &left);
+        return left.it_value.tv_sec;
+    };
+    sandbox.serveBundle(good);
+    refreshCaBundle();
+    store.StartTimer();
+    EXPECT_GT(secondsLeft(), 590);
+
+    raise(SIGALRM);
+    EXPECT_TRUE(eventually([] { return TrustStoreSandbox::status() == 0; }));
+    // Expired: the next failure-driven refresh fetches again.
+    refreshCaBundleOnFailure();
+    EXPECT_EQ(sandbox.downloadsSeen(), 2);
+    EXPECT_EQ(sandbox.status(), 2);
+
+    // The signal lands on the thread that holds status_mutex in the middle
+    // of a refresh (the handler runs with the trust store's locks held).
+    int statusInHandler = -1;
+    registerCAhandler([&](const char*) {
+        pthread_kill(pthread_self(), SIGALRM);
+        statusInHandler = store.bundle_status;  // this thread holds status_mutex
+        return 0;
+    });
+    refreshCaBundle();
+    EXPECT_EQ(statusInHandler, 2);
+    EXPECT_TRUE(eventually([] { return TrustStoreSandbox::status() == 0; }));
+
+    store.StopTimer();
+    EXPECT_EQ(secondsLeft(), 0);
+}
