@@ -53,10 +53,15 @@ void renewPooledHandle(WebHandle& pooled) {
 }
 
 // Requests to the local HTTPS endpoint never verify TLS.
+// The host must really be 127.0.0.1: in "https://127.0.0.1:pw@peer/" those
+// characters are only a user name and password, and the peer is verified.
 bool isLocalHttpsUrl(const std::string& url) {
     static const char kLocal[] = "https://127.0.0.1";
-    return url == kLocal || url.rfind("https://127.0.0.1:", 0) == 0 ||
-           url.rfind("https://127.0.0.1/", 0) == 0;
+    const bool localPrefix = url == kLocal || url.rfind("https://127.0.0.1:", 0) == 0 ||
+                             url.rfind("https://127.0.0.1/", 0) == 0;
+    if (!localPrefix) return false;
+    const size_t authorityEnd = url.find_first_of("/?#", sizeof kLocal - 1);
+    return url.find('@') >= authorityEnd;
 }
 
 bool isSecretPiece(const std::string& piece, const char* key) {

@@ -93,6 +93,12 @@ TEST_F(Tls, DataDirectoryRootIsTrustedAndLocalEndpointIsNotVerified) {
     std::filesystem::remove_all(appData);
 
     EXPECT_EQ(get("server_expired", "127.0.0.1"), CURLE_OK);
+    // Only the host counts, not a user name that looks like it.
+    TestServer peer(pki.tls("server_expired"), "127.0.0.2");
+    WebRequest request("https://127.0.0.1:pw@127.0.0.2:" + std::to_string(peer.port()) + "/echo", "GET", true);
+    request.getAsync(noHeaders, ignore, {});
+    request.wait(10000);
+    EXPECT_EQ(request.impl_->result, CURLE_PEER_FAILED_VERIFICATION);
 }
 
 TEST_F(Tls, SecureRequestHoldsTheCaFileUntilDestroyed) {
