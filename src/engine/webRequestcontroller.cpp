@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "engine/web_request_impl.h"
+#include "engine/yield_wait.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
 #include "webclient/exception.h"
@@ -54,6 +55,43 @@ int waitBoundMs(long long timerDueMs) {
     if (wish <= 0) return 0;
     return static_cast<int>(wish < 1000 ? wish : std::min<long long>(wish, 2000));
 }
+
+// The multi lock is held for a few microseconds at a time: by the transfer
+// thread around each libcurl call, by owners to add or remove a handle.
+// Sleeping on it when it is busy made each request pay futex wake-ups on
+// both sides whenever several owners were active, so a busy lock is
+// retried for a short while first, yielding in between.
+constexpr long kMultiLockRetryMicroseconds = 100;
+
+enum class Access { Shared, Exclusive };
+
+template <Access kAccess>
+class MultiLockGuard {
+public:
+    explicit MultiLockGuard(pthread_rwlock_t* rwlock) noexcept : rwlock_(rwlock) {
+        if (webclient::yieldUntil([this] { return tryLock() == 0; }, kMultiLockRetryMicroseconds)) return;
+        if (lock() != 0) {
+            rwlock_ = nullptr;
+            print_back_trace();
+        }
+    }
+    ~MultiLockGuard() noexcept {
+        if (rwlock_ != nullptr) (void)pthread_rwlock_unlock(rwlock_);
+    }
+    MultiLockGuard(const MultiLockGuard&) = delete;
+    MultiLockGuard& operator=(const MultiLockGuard&) = delete;
+
+private:
+    int tryLock() {
+        return kAccess == Access::Exclusive ? pthread_rwlock_trywrlock(rwlock_) : pthread_rwlock_tryrdlock(rwlock_);
+    }
+    int lock() { return kAccess == Access::Exclusive ? pthread_rwlock_wrlock(rwlock_) : pthread_rwlock_rdlock(rwlock_); }
+
+    pthread_rwlock_t* rwlock_;
+};
+
+using MultiReadGuard = MultiLockGuard<Access::Shared>;
+using MultiWriteGuard = MultiLockGuard<Access::Exclusive>;
 
 // An error or hang-up is passed on together with "readable and writable",
 // so that libcurl reads the socket and reports the actual failure.
@@ -166,7 +204,7 @@ static int driveTransfers(WebRequestController& controller) {
     // call is needed only when no socket was ready or the timer is due.
     const bool socketsReady = !controller.ready_sockets.empty();
     for (const auto& ready : controller.ready_sockets) {
-        utilities::lock::lock_guard_read guard(&controller.multi_lock);
+        MultiReadGuard guard(&controller.multi_lock);
         // Checked under the multi lock, so no caller can close the socket
         // between the check and the call. An event polled on a descriptor
         // that was closed since (and maybe reused by a new connection) is
@@ -177,7 +215,7 @@ static int driveTransfers(WebRequestController& controller) {
     }
     controller.ready_sockets.clear();
     if (socketsReady && !controller.timerDue()) return active;
-    utilities::lock::lock_guard_read guard(&controller.multi_lock);
+    MultiReadGuard guard(&controller.multi_lock);
     CURLMcode code = curl_multi_socket_action(controller.multi, CURL_SOCKET_TIMEOUT, 0, &active);
     if (code != CURLM_OK) handleError(code);
     return active;
@@ -236,7 +274,7 @@ void WebRequestController::waitForSocketActivity() {
 }
 
 void WebRequestController::queryMessages() {
-    utilities::lock::lock_guard_read guard(&multi_lock);
+    MultiReadGuard guard(&multi_lock);
     int remaining = 0;
     while (CURLMsg* message = curl_multi_info_read(multi, &remaining)) {
         if (message->msg != CURLMSG_DONE) continue;
@@ -267,7 +305,7 @@ WebRequest* WebRequestController::findRequest(void* handle, bool remove) {
 
 void WebRequestController::addRequest(WebRequest* request) {
     {
-        utilities::lock::lock_guard_write multiGuard(&multi_lock);
+        MultiWriteGuard multiGuard(&multi_lock);
         CURLMcode code = curl_multi_add_handle(multi, request->impl_->curl_handle);
         if (code != CURLM_OK) {
             WC_LOG_ERROR("curl_multi_add_handle error %d", static_cast<int>(code));
@@ -302,7 +340,7 @@ void WebRequestController::shutdown() {
     WebHandleManager::getInstance()->ClearWebHandle();
     {
         // An owner may be unregistering its request right now (closeRequest).
-        utilities::lock::lock_guard_write guard(&multi_lock);
+        MultiWriteGuard guard(&multi_lock);
         curl_multi_cleanup(multi);
         multi = nullptr;
     }
@@ -385,7 +423,7 @@ void WebRequestManager::beginRequest(WebRequest* request) { controller->addReque
 void WebRequestManager::closeRequest(WebRequest* request) {
     CURL* handle = request->impl_->curl_handle;
     if (controller->findRequest(handle, true) == nullptr) return;
-    utilities::lock::lock_guard_write guard(&controller->multi_lock);
+    MultiWriteGuard guard(&controller->multi_lock);
     // After a stop the multi handle is gone and its cleanup let go of ours.
     if (controller->multi == nullptr) return;
     CURLMcode code = curl_multi_remove_handle(controller->multi, handle);

@@ -1,6 +1,5 @@
 // WebRequest: construction on a pooled handle, the common libcurl set-up,
 // data delivery, completion, waiting and tear-down.
-#include <sched.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 
 #include "engine/handle_renewal.h"
 #include "engine/web_request_impl.h"
+#include "engine/yield_wait.h"
 #include "util/log.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/exception.h"
@@ -31,18 +31,6 @@ constexpr int kSlowWaitWarningSeconds = 30;
 // as much as a whole exchange with a nearby server; a short check that
 // yields the processor lets quick answers return without that cost.
 constexpr long kCompletionSpinMicroseconds = 200;
-
-long long microsecondsSince(const struct timespec& start) {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec - start.tv_sec) * 1000000 + (now.tv_nsec - start.tv_nsec) / 1000;
-}
-
-void yieldUntilSet(const bool& flag, long microseconds) {
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    while (!__atomic_load_n(&flag, __ATOMIC_ACQUIRE) && microsecondsSince(start) < microseconds) sched_yield();
-}
 
 // Brings the pooled handle, held locked, to a clean state for a new
 // transfer: a new easy handle where libcurl cannot safely reuse one.
@@ -266,7 +254,8 @@ int WebRequest::wait(int timeoutMs) {
     deadline.tv_sec = now.tv_sec + timeoutMs / 1000;
     deadline.tv_nsec = now.tv_usec * 1000;
     int outcome = 0;
-    yieldUntilSet(completed, kCompletionSpinMicroseconds);
+    webclient::yieldUntil([this] { return __atomic_load_n(&completed, __ATOMIC_ACQUIRE); },
+                          kCompletionSpinMicroseconds);
     pthread_mutex_lock(&mutex);
     if (completed) {
         pthread_mutex_unlock(&mutex);
