@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -69,11 +70,17 @@ void sequential(const char* scenario, const std::string& base) {
     row(scenario, "median time per 1 KiB GET (us)", median(lib), median(rawTimes));
 }
 
-double requestsPerSecond(const std::vector<std::string>& origins, double seconds,
-                         const std::function<bool(int, const std::string&)>& get) {
+struct RoundResult {
+    double requestsPerSecond;
+    double cpuMicrosPerRequest;  // this process: callers plus, for the library, its transfer thread
+};
+
+RoundResult runRound(const std::vector<std::string>& origins, double seconds,
+                     const std::function<bool(int, const std::string&)>& get) {
     std::atomic<long> done{0};
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
+    const double cpuBefore = processCpuSeconds();
     for (size_t t = 0; t < origins.size(); ++t) {
         threads.emplace_back([&, t] {
             const std::string url = origins[t] + "/1k";
@@ -83,22 +90,29 @@ double requestsPerSecond(const std::vector<std::string>& origins, double seconds
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     stop = true;
     for (auto& thread : threads) thread.join();
-    return static_cast<double>(done) / seconds;
+    const double requests = static_cast<double>(std::max(done.load(), 1L));
+    return {static_cast<double>(done) / seconds, (processCpuSeconds() - cpuBefore) * 1e6 / requests};
 }
 
-// Short rounds, library and raw in turn; the medians of the rounds.
+// Short rounds, library and raw in turn; the medians of the rounds. The
+// CPU row tells whether the rate is bound by work or by waiting.
 void parallel(const std::vector<std::string>& origins) {
     std::vector<std::unique_ptr<RawClient>> raws;
     for (size_t i = 0; i < origins.size(); ++i) raws.emplace_back(new RawClient());
     const double roundSeconds = kParallelSeconds / kParallelRounds;
-    std::vector<double> lib, raw;
+    std::vector<double> lib, raw, libCpu, rawCpu;
     for (int round = 0; round < kParallelRounds; ++round) {
-        lib.push_back(requestsPerSecond(origins, roundSeconds,
-                                        [](int, const std::string& url) { return libraryGet(url); }));
-        raw.push_back(requestsPerSecond(origins, roundSeconds,
-                                        [&](int t, const std::string& url) { return raws[t]->get(url) == 1024; }));
+        RoundResult result =
+            runRound(origins, roundSeconds, [](int, const std::string& url) { return libraryGet(url); });
+        lib.push_back(result.requestsPerSecond);
+        libCpu.push_back(result.cpuMicrosPerRequest);
+        result = runRound(origins, roundSeconds,
+                          [&](int t, const std::string& url) { return raws[t]->get(url) == 1024; });
+        raw.push_back(result.requestsPerSecond);
+        rawCpu.push_back(result.cpuMicrosPerRequest);
     }
     row("3 four threads, own origins", "requests per second", median(lib), median(raw));
+    row("3 four threads, own origins", "client CPU per request (us)", median(libCpu), median(rawCpu));
 }
 
 void download(const std::string& base, bool useLibrary) {

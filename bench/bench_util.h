@@ -33,6 +33,8 @@ private:
 
 // Peak resident set size of this process, in KiB (VmHWM).
 long peakRssKib();
+// CPU seconds (user + system) used so far by this whole process.
+double processCpuSeconds();
 // CPU seconds (user + system) used so far by the thread with this name.
 double threadCpuSeconds(const std::string& threadName);
 // Opens descriptors until `count` extra ones exist (duplicates of /dev/null).
