@@ -41,11 +41,7 @@ void handleError(CURLMcode code) { throw WebException(curl_multi_strerror(code),
 
 namespace {
 
-long long monotonicMs() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
+long long monotonicMs() { return webclient::monotonicMicros() / 1000; }
 
 // The wait is bounded as it always was (1 s, or 2 s when libcurl asks for a
 // second or more) and ends earlier when libcurl's timer is due.

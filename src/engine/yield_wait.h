@@ -20,6 +20,7 @@ inline long long monotonicMicros() {
 // yielding in between; returns whether it became ready.
 template <typename Ready>
 bool yieldUntil(Ready ready, long microseconds) {
+    if (ready()) return true;  // the common case reads no clock
     const long long start = monotonicMicros();
     while (!ready()) {
         if (monotonicMicros() - start >= microseconds) return false;
