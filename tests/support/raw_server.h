@@ -1,17 +1,17 @@
 // A loopback TCP server that answers every connection with a test-given
-// script (raw bytes, resets, early closes), for fault injection. Port 0;
-// stopped and joined by the destructor.
+// script (raw bytes, resets, early closes), for fault injection and
+// fuzzing. One connection at a time; port 0; stopped by the destructor.
 #pragma once
 
 #include <atomic>
 #include <functional>
 #include <string>
 #include <thread>
-#include <vector>
 
 class RawServer {
 public:
-    // Runs `serve` with each accepted connection's descriptor (closed after).
+    // Runs `serve` with each accepted connection's descriptor (closed after),
+    // on the accepting thread.
     using Script = std::function<void(int fd)>;
     explicit RawServer(Script serve, const std::string& address = "127.0.0.1");
     ~RawServer();
@@ -33,5 +33,4 @@ private:
     int port_ = 0;
     std::atomic<bool> stopping_{false};
     std::thread acceptor_;
-    std::vector<std::thread> connections_;
 };
