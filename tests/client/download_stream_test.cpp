@@ -127,16 +127,3 @@ TEST_F(ProgressJob, UnknownLengthSendsNoReportAndNeverCompletes) {
     EXPECT_EQ(map["job"]["chunked"].total, -1.0);
     EXPECT_EQ(readWholeFile(out.path()), pattern(500000));
 }
-
-// Unlike the status-code form, the header-text form sends the credentials
-// even when there are no header lines.
-TEST_F(ProgressJob, HeaderTextFormSendsCredentialsWithoutHeaderLines) {
-    TempFile out;
-    download_param param = job("/echo", "echo");
-    param.user = "u";
-    param.password = "p";
-    std::string responseHeaders;
-    client.downloadStream(&param, openForWriting(out.path()), responseHeaders, false);
-    EXPECT_EQ(headerOf(lastRequest(server), "Authorization"), "Basic dTpw");
-    EXPECT_EQ(responseHeaders.rfind("HTTP/1.1 200", 0), 0u);
-}

@@ -1,9 +1,8 @@
-// WebClient's blocking verbs: what only this layer adds (outputs, result
-// classification, wait limits). What each verb sends is checked once,
+// WebClient's blocking verbs: what only this layer adds (outputs, connection reuse,
+// wait limits). What each verb sends is checked once,
 // through the exported functions (tests/capi).
 #include <gtest/gtest.h>
 
-#include "engine/web_request_impl.h"
 #include "support/log_capture.h"
 #include "support/server_util.h"
 #include "support/test_helpers.h"
@@ -56,25 +55,4 @@ TEST(BlockingVerbFailures, WaitLimitIsReportedOnlyInTheLog) {
     EXPECT_EQ(code, 0);
     EXPECT_EQ(error, "untouched");
     EXPECT_EQ(completeGet(server.url("127.0.0.1", "/status/200")), 200) << "the origin works again";
-}
-
-// Only trust failures (2) lead a useSsl call to refresh the bundle and retry.
-TEST(BlockingVerbFailures, CheckStatusTellsTrustFailuresApart) {
-    WebClient client;
-    WebRequest request("http://0.0.0.0/x", "GET", false);  // inert: result stays as set
-    for (const auto& [code, status] : std::vector<std::pair<CURLcode, int>>{
-             {CURLE_OK, 0}, {CURLE_PEER_FAILED_VERIFICATION, 2}, {CURLE_SSL_CACERT_BADFILE, 2},
-             {CURLE_COULDNT_CONNECT, 1}, {CURLE_SSL_CONNECT_ERROR, 1}}) {
-        request.impl_->result = code;
-        EXPECT_EQ(client.CheckStatus(request), status) << code;
-    }
-}
-
-TEST(Exceptions, InnerExceptionIsOwnedAndCopiedDeeply) {
-    WebException outer("outer", new Exception("inner", nullptr));
-    WebException copy(outer);
-    EXPECT_STREQ(copy.what(), "outer");
-    ASSERT_NE(copy.getInner(), nullptr);
-    EXPECT_NE(copy.getInner(), outer.getInner());
-    EXPECT_STREQ(copy.getInner()->what(), "inner");
 }

@@ -40,13 +40,13 @@ void expectSecondStartIsFree(WebRequestManager& backend) {
 TEST(BackendLifecycle, StartStopAndInertAfterwards) {
     TestServer server;
     WebRequestManager& backend = *WebRequestManager::getInstance();
-    expectNotDrivenBeforeStart(backend, serverUrl(server, "127.0.0.1", "/echo"));
+    expectNotDrivenBeforeStart(backend, server.url("127.0.0.1", "/echo"));
     expectSecondStartIsFree(backend);
 
     // A stop waits for the transfer that is running.
     std::atomic<bool> transferDone{false}, started{false};
     std::thread owner([&] {
-        WebRequest slow(serverUrl(server, "127.0.0.1", "/slow/40000?chunk=10000&delay_ms=300"), "GET", false);
+        WebRequest slow(server.url("127.0.0.1", "/slow/40000?chunk=10000&delay_ms=300"), "GET", false);
         slow.downloadAsync([&](std::shared_ptr<DataReceivedEventArgs>) { started = true; },
                            [&] { transferDone = true; });
         slow.wait(10000);
@@ -58,7 +58,7 @@ TEST(BackendLifecycle, StartStopAndInertAfterwards) {
     EXPECT_EQ(backend.controller->multi, nullptr);
 
     LogCapture log;
-    WebRequest after(serverUrl(server, "127.0.0.1", "/echo"), "GET", false);
+    WebRequest after(server.url("127.0.0.1", "/echo"), "GET", false);
     EXPECT_EQ(log.count("WebRequest handle is NULL"), 1u);
     EXPECT_FALSE(WebHandleManager::getInstance()->GetWebHandle("http://192.0.2.1/", "GET"));
     EXPECT_EQ(log.countContaining("return empty handle"), 0u) << "a cleared pool refuses silently";

@@ -123,7 +123,6 @@ void TestServer::addStandardEndpoints() {
         record(req);
         res.set_redirect(req.get_param_value("to"));
     });
-    server_->Get("/redirect-loop", [](Request, Response res) { res.set_redirect("/redirect-loop"); });
     server_->Get(R"(/bytes/(\d+))", [this](Request req, Response res) {
         record(req);
         res.set_content(pattern(std::stoul(req.matches[1])), "application/octet-stream");
@@ -162,10 +161,6 @@ void TestServer::addStandardEndpoints() {
         res.status = found == served_.end() ? 404 : found->second.first;
         if (found != served_.end()) res.set_content(found->second.second, "application/octet-stream");
     });
-}
-
-std::string serverUrl(const TestServer& server, const std::string& host, const std::string& path) {
-    return server.url(host, path);
 }
 
 RecordedRequest lastRequest(const TestServer& server) {

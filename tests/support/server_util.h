@@ -72,7 +72,6 @@ private:
 
 // ---- Shorthands used by the tests ----
 
-std::string serverUrl(const TestServer& server, const std::string& host, const std::string& path);
 RecordedRequest lastRequest(const TestServer& server);
 // Value of the first header with this name (case-insensitive), or "".
 std::string headerOf(const RecordedRequest& request, const std::string& name);

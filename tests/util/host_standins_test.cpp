@@ -1,9 +1,6 @@
 // The stand-ins for the host agent's interfaces that the rest of the
-// library and the tests lean on: dispatch by host kind, and the logger.
+// library and the tests lean on: dispatch by host kind, and the log sink.
 #include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "support/log_capture.h"
 #include "webclient/host.h"
@@ -33,36 +30,4 @@ TEST(Logging, SinkReceivesLinesWithoutTrailingNewline) {
     EXPECT_EQ(lines[0].text, "[webClientGet] Exception : boom");
     EXPECT_EQ(lines[1].text, "SSL VERIFYRESULT=20:unable");
     EXPECT_EQ(lines[2].module, -1);
-}
-
-// The stand-in's own output, seen from a child process with a fresh
-// threshold taken from its environment.
-std::string stderrOfChild(const char* level) {
-    int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], STDERR_FILENO);
-        if (level) setenv("WEBCLIENT_LOG_LEVEL", level, 1); else unsetenv("WEBCLIENT_LOG_LEVEL");
-        SetWebClientLogLevel(-1);  // forget the parent's threshold
-        orb_log_debug(18, "d");
-        orb_log_info(18, "i");
-        orb_log_warning(18, "w %d", 1);
-        orb_log_error(18, "e");
-        debug("hd");
-        _exit(0);
-    }
-    close(fds[1]);
-    std::string text;
-    char chunk[256];
-    for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
-    close(fds[0]);
-    waitpid(pid, nullptr, 0);
-    return text;
-}
-
-TEST(Logging, StandardErrorFormatAndThresholdFromEnvironment) {
-    EXPECT_EQ(stderrOfChild(nullptr), "warning [18] w 1\nerror [18] e\n");
-    EXPECT_EQ(stderrOfChild("error"), "error [18] e\n");
-    EXPECT_EQ(stderrOfChild("debug"), "debug [18] d\ninfo [18] i\nwarning [18] w 1\nerror [18] e\ndebug hd\n");
 }
