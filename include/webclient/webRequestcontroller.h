@@ -4,10 +4,12 @@
 //
 // The loop is event driven: libcurl reports the sockets it wants watched and
 // its timer through callbacks, and the thread waits in poll() (any descriptor
-// number) on those sockets and on a wake-up eventfd, which registering a
-// request and stopping the backend write to. The thread sleeps on wake_cond
-// whenever no transfer is active and nothing was registered since its last
-// pump, also while completed requests wait for their owners.
+// number) on those sockets and on a wake-up eventfd. The thread sleeps on
+// wake_cond whenever no transfer is active and nothing was registered since
+// its last pump, also while completed requests wait for their owners.
+// Registering a request counts in `registrations` and wakes the thread only
+// where it sleeps: the condition when `sleeping`, the eventfd when
+// `polling`. Stopping the backend wakes both.
 //
 // Lock order (outermost first): multi_lock, then list_mutex; wake_mutex,
 // then list_mutex. list_mutex is always innermost. The transfer thread holds
@@ -29,6 +31,7 @@
 #include "webclient/export.h"
 
 class WebRequest;
+struct pollfd;
 
 class WEBCLIENT_API WebRequestController {
 public:
@@ -67,8 +70,13 @@ public:
 
     // Event-loop state (not part of the request bookkeeping above).
     int wake_fd;                          // eventfd; -1 when it could not be made
-    uint64_t registrations;               // guarded by wake_mutex
+    std::atomic<uint64_t> registrations;  // requests ever registered
+    std::atomic<bool> sleeping;           // set under wake_mutex while the thread is on wake_cond
+    std::atomic<bool> polling;            // the thread is in (or entering) a blocking poll()
     bool pump_idle;                       // transfer thread only: last pump ended idle
+    uint64_t pass_registrations;          // transfer thread only: `registrations` when this pass began
+    bool last_wait_short;                 // transfer thread only: sockets were ready soon last time
+    bool last_idle_short;                 // transfer thread only: new work came soon last time
     // A socket libcurl asked us to watch. The generation tells a descriptor
     // number that was closed and handed out again from the one polled.
     struct WatchedSocket {
@@ -90,6 +98,10 @@ public:
     bool stillWatched(const ReadySocket& ready);
     // Whether libcurl's timer has expired.
     bool timerDue();
+    // Transfer thread: whether a request was registered since this pass began.
+    bool registeredSincePass() const;
+    // Transfer thread: poll() on `watched` for up to `boundMs`; see the loop.
+    int pollWatched(std::vector<pollfd>& watched, int boundMs);
 };
 
 class WEBCLIENT_API WebRequestManager {

@@ -59,6 +59,11 @@ int waitBoundMs(long long timerDueMs) {
 // retried for a short while first, yielding in between.
 constexpr long kMultiLockRetryMicroseconds = 100;
 
+// How long the transfer thread polls without blocking, or waits for new
+// work without sleeping, while these have been coming quickly (see
+// pollWatched and waitForWork).
+constexpr long kReadySpinMicroseconds = 300;
+
 enum class Access { Shared, Exclusive };
 
 template <Access kAccess>
@@ -103,7 +108,8 @@ int curlEventsOf(short revents) {
 
 WebRequestController::WebRequestController()
     : multi(nullptr), thread(0), running(false), wake_fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-      registrations(0), pump_idle(true), socket_generations(0), timer_due_ms(-1) {
+      registrations(0), sleeping(false), polling(false), pump_idle(true), pass_registrations(0),
+      last_wait_short(true), last_idle_short(true), socket_generations(0), timer_due_ms(-1) {
     // The transfer thread takes the read side again right after releasing
     // it; preferring writers keeps callers' add and remove from starving.
     // No thread ever takes the read side recursively.
@@ -161,19 +167,36 @@ void WebRequestController::wake() {
 // Sleeps on wake_cond until something was registered since the last pump,
 // unless that pump ended with transfers still active. `running` is re-read
 // under wake_mutex, which shutdown() holds while it clears the flag and
-// signals, so a stop is never lost.
-static void waitForWork(WebRequestController& controller, uint64_t& seen) {
+// signals, so a stop is never lost. `sleeping` is raised before the checks:
+// a registration either is seen by them or sees the flag and signals, after
+// taking wake_mutex, that is once this thread waits.
+static void sleepUntilWork(WebRequestController& controller, uint64_t seen) {
     utilities::lock::lock_guard wakeGuard(&controller.wake_mutex);
+    controller.sleeping.store(true);
     size_t registered = 0;
     {
         utilities::lock::lock_guard listGuard(&controller.list_mutex);
         registered = controller.requests.size();
     }
-    const bool nothingNew = controller.registrations == seen;
+    const bool nothingNew = controller.registrations.load() == seen;
     if ((registered == 0 || (controller.pump_idle && nothingNew)) && controller.running) {
         pthread_cond_wait(&controller.wake_cond, &controller.wake_mutex);
     }
-    seen = controller.registrations;
+    controller.sleeping.store(false);
+}
+
+// Between pumps. While owners have been registering their next request
+// quickly (a caller looping over requests), the thread first waits for it
+// yielding, as pollWatched does for sockets, and sleeps only after that.
+// A quiet spell ends the yielding until a sleep is short again.
+static void waitForWork(WebRequestController& controller, uint64_t& seen) {
+    const long long start = webclient::monotonicMicros();
+    auto workOrStop = [&] { return controller.registrations.load() != seen || !controller.running; };
+    const bool arrived =
+        controller.last_idle_short ? webclient::yieldUntil(workOrStop, kReadySpinMicroseconds) : workOrStop();
+    if (!arrived) sleepUntilWork(controller, seen);
+    controller.last_idle_short = webclient::monotonicMicros() - start < kReadySpinMicroseconds;
+    seen = controller.registrations.load();
 }
 
 void* WebRequestController::run(void* controller) {
@@ -218,9 +241,14 @@ static int driveTransfers(WebRequestController& controller) {
 }
 
 void WebRequestController::processPendingRequests() {
+    // A start after a stop runs a thread with nothing to drive: the stop
+    // released the multi handle for good.
+    if (multi == nullptr) return;
     pump_idle = false;
     try {
         for (;;) {
+            // Whatever was registered before this point is started below.
+            pass_registrations = registrations.load();
             const int active = driveTransfers(*this);
             // Completions are drained after every pass, not only when the
             // active count drops: on a reused connection a new transfer can
@@ -255,7 +283,7 @@ void WebRequestController::waitForSocketActivity() {
     }
     watched.push_back(pollfd{wake_fd, POLLIN, 0});
     // No lock is held here, so callers can add and remove handles meanwhile.
-    const int ready = poll(watched.data(), watched.size(), waitBoundMs(timerDue));
+    const int ready = pollWatched(watched, waitBoundMs(timerDue));
     if (ready < 0 && errno != EINTR) sleepAfterIdleWait();
     if (ready <= 0) return;
     for (size_t i = 0; i + 1 < watched.size(); ++i) {
@@ -267,6 +295,32 @@ void WebRequestController::waitForSocketActivity() {
         uint64_t drained = 0;
         (void)!read(wake_fd, &drained, sizeof drained);
     }
+}
+
+bool WebRequestController::registeredSincePass() const { return registrations.load() != pass_registrations; }
+
+// Waits for the watched sockets, or a registration since this pass began.
+// While answers come quickly (a busy local server), the thread first polls
+// without blocking for a short while, yielding in between: a blocking poll
+// lets the processor go idle, and on a virtual machine waking it again costs
+// more than the exchange itself. A blocking wait raises `polling` first and
+// then looks at the count once more, so a registration either is seen here
+// or sees the flag and writes the eventfd.
+int WebRequestController::pollWatched(std::vector<pollfd>& watched, int boundMs) {
+    const long long start = webclient::monotonicMicros();
+    int ready = 0;
+    if (last_wait_short && boundMs != 0) {
+        webclient::yieldUntil(
+            [&] { return registeredSincePass() || (ready = poll(watched.data(), watched.size(), 0)) != 0; },
+            kReadySpinMicroseconds);
+    }
+    if (ready == 0 && !registeredSincePass()) {
+        polling.store(true);
+        if (!registeredSincePass()) ready = poll(watched.data(), watched.size(), boundMs);
+        polling.store(false);
+    }
+    last_wait_short = webclient::monotonicMicros() - start < kReadySpinMicroseconds;
+    return ready;
 }
 
 void WebRequestController::queryMessages() {
@@ -312,14 +366,17 @@ void WebRequestController::addRequest(WebRequest* request) {
         WC_LOG_DEBUG("addRequest[%d] %s", static_cast<int>(requests.size()),
                      request->getPrintableUrl().c_str());
     }
-    {
-        utilities::lock::lock_guard wakeGuard(&wake_mutex);
-        ++registrations;
+    // Only a sleeping or polling transfer thread needs waking; a busy one
+    // sees the count before it next waits (see waitForWork, pollWatched).
+    // The first registration to find it asleep wakes it; later ones are
+    // seen when it reads the count after waking.
+    registrations.fetch_add(1);
+    if (sleeping.exchange(false)) {
+        { utilities::lock::lock_guard wakeGuard(&wake_mutex); }
+        // After the unlock, so that the woken thread does not block on it.
+        pthread_cond_signal(&wake_cond);
     }
-    // After the unlock: the woken thread re-checks under wake_mutex, so no
-    // wake-up is lost, and it does not wake only to block on our lock.
-    pthread_cond_signal(&wake_cond);
-    wake();
+    if (polling.load()) wake();
 }
 
 void WebRequestController::shutdown() {
