@@ -263,6 +263,9 @@ void WebRequestController::processPendingRequests() {
         }
     } catch (const WebException&) {
         WC_LOG_DEBUG("processPendingRequests error");
+        // The loop pumps again at once while requests stay registered; the
+        // pause keeps a lasting multi error from making that a busy loop.
+        sleepAfterIdleWait();
     }
 }
 
