@@ -31,7 +31,6 @@
 #include "webclient/export.h"
 
 class WebRequest;
-struct pollfd;
 
 class WEBCLIENT_API WebRequestController {
 public:
@@ -47,7 +46,8 @@ public:
     void queryMessages();
     // Takes list_mutex. The registered request with this easy handle, or null.
     WebRequest* findRequest(void* handle, bool remove);
-    // Any thread: takes multi_lock (write), list_mutex, then wake_mutex.
+    // Any thread: takes multi_lock (write), list_mutex; then wake_mutex
+    // only when the transfer thread sleeps on wake_cond.
     void addRequest(WebRequest* request);
     // Stops and joins the thread, empties the handle pool, releases libcurl.
     void shutdown();
@@ -98,10 +98,6 @@ public:
     bool stillWatched(const ReadySocket& ready);
     // Whether libcurl's timer has expired.
     bool timerDue();
-    // Transfer thread: whether a request was registered since this pass began.
-    bool registeredSincePass() const;
-    // Transfer thread: poll() on `watched` for up to `boundMs`; see the loop.
-    int pollWatched(std::vector<pollfd>& watched, int boundMs);
 };
 
 class WEBCLIENT_API WebRequestManager {

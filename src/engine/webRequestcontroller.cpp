@@ -269,6 +269,36 @@ void WebRequestController::processPendingRequests() {
     }
 }
 
+static bool registeredSincePass(const WebRequestController& controller) {
+    return controller.registrations.load() != controller.pass_registrations;
+}
+
+// Waits for the watched sockets, or a registration since this pass began.
+// While answers come quickly (a busy local server), the thread first polls
+// without blocking for a short while, yielding in between: a blocking poll
+// lets the processor go idle, and on a virtual machine waking it again costs
+// more than the exchange itself. A blocking wait raises `polling` first and
+// then looks at the count once more, so a registration either is seen here
+// or sees the flag and writes the eventfd.
+static int pollWatched(WebRequestController& controller, std::vector<pollfd>& watched, int boundMs) {
+    const long long start = webclient::monotonicMicros();
+    int ready = 0;
+    if (controller.last_wait_short && boundMs != 0) {
+        webclient::yieldUntil(
+            [&] {
+                return registeredSincePass(controller) || (ready = poll(watched.data(), watched.size(), 0)) != 0;
+            },
+            kReadySpinMicroseconds);
+    }
+    if (ready == 0 && !registeredSincePass(controller)) {
+        controller.polling.store(true);
+        if (!registeredSincePass(controller)) ready = poll(watched.data(), watched.size(), boundMs);
+        controller.polling.store(false);
+    }
+    controller.last_wait_short = webclient::monotonicMicros() - start < kReadySpinMicroseconds;
+    return ready;
+}
+
 void WebRequestController::waitForSocketActivity() {
     std::vector<pollfd> watched;
     std::vector<uint64_t> generations;
@@ -286,7 +316,7 @@ void WebRequestController::waitForSocketActivity() {
     }
     watched.push_back(pollfd{wake_fd, POLLIN, 0});
     // No lock is held here, so callers can add and remove handles meanwhile.
-    const int ready = pollWatched(watched, waitBoundMs(timerDue));
+    const int ready = pollWatched(*this, watched, waitBoundMs(timerDue));
     if (ready < 0 && errno != EINTR) sleepAfterIdleWait();
     if (ready <= 0) return;
     for (size_t i = 0; i + 1 < watched.size(); ++i) {
@@ -298,32 +328,6 @@ void WebRequestController::waitForSocketActivity() {
         uint64_t drained = 0;
         (void)!read(wake_fd, &drained, sizeof drained);
     }
-}
-
-bool WebRequestController::registeredSincePass() const { return registrations.load() != pass_registrations; }
-
-// Waits for the watched sockets, or a registration since this pass began.
-// While answers come quickly (a busy local server), the thread first polls
-// without blocking for a short while, yielding in between: a blocking poll
-// lets the processor go idle, and on a virtual machine waking it again costs
-// more than the exchange itself. A blocking wait raises `polling` first and
-// then looks at the count once more, so a registration either is seen here
-// or sees the flag and writes the eventfd.
-int WebRequestController::pollWatched(std::vector<pollfd>& watched, int boundMs) {
-    const long long start = webclient::monotonicMicros();
-    int ready = 0;
-    if (last_wait_short && boundMs != 0) {
-        webclient::yieldUntil(
-            [&] { return registeredSincePass() || (ready = poll(watched.data(), watched.size(), 0)) != 0; },
-            kReadySpinMicroseconds);
-    }
-    if (ready == 0 && !registeredSincePass()) {
-        polling.store(true);
-        if (!registeredSincePass()) ready = poll(watched.data(), watched.size(), boundMs);
-        polling.store(false);
-    }
-    last_wait_short = webclient::monotonicMicros() - start < kReadySpinMicroseconds;
-    return ready;
 }
 
 void WebRequestController::queryMessages() {
