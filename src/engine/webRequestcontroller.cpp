@@ -110,14 +110,10 @@ WebRequestController::WebRequestController()
     : multi(nullptr), thread(0), running(false), wake_fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       registrations(0), sleeping(false), polling(false), pump_idle(true), pass_registrations(0),
       last_wait_short(true), last_idle_short(true), socket_generations(0), timer_due_ms(-1) {
-    // The transfer thread takes the read side again right after releasing
-    // it; preferring writers keeps callers' add and remove from starving.
-    // No thread ever takes the read side recursively.
-    pthread_rwlockattr_t preferWriters;
-    pthread_rwlockattr_init(&preferWriters);
-    pthread_rwlockattr_setkind_np(&preferWriters, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
-    pthread_rwlock_init(&multi_lock, &preferWriters);
-    pthread_rwlockattr_destroy(&preferWriters);
+    // Default attributes: callers' add and remove do not starve, because the
+    // transfer thread holds the read side only around single calls and
+    // waits for sockets without it.
+    pthread_rwlock_init(&multi_lock, nullptr);
     pthread_mutex_init(&list_mutex, nullptr);
     pthread_mutex_init(&wake_mutex, nullptr);
     pthread_cond_init(&wake_cond, nullptr);
