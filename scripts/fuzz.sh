@@ -11,7 +11,7 @@ bash scripts/setup.sh clang libclang-rt-dev
 
 SECONDS_EACH=${FUZZ_SECONDS:-60}
 JOBS=${JOBS:-$(nproc)}
-TARGETS="printable_url handle_pool domain_in_url child_buffers http_response"
+TARGETS="child_buffers http_response"
 dir="$PWD/build-test/fuzz"
 export ASAN_OPTIONS=${FUZZ_ASAN_OPTIONS:-"detect_leaks=1"}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-"print_stacktrace=1:halt_on_error=1"}

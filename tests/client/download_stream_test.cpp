@@ -1,5 +1,5 @@
 // Streamed downloads with progress bookkeeping: reports, host cancellation,
-// write failures, unknown lengths. Plain downloads on both dispatch paths
+// write failures. Plain downloads on both dispatch paths
 // are checked through the exported functions (tests/capi).
 #include <gtest/gtest.h>
 #include <json-c/json.h>
@@ -9,14 +9,6 @@
 #include "support/test_helpers.h"
 #include "webclient/host.h"
 #include "webclient/web_client.h"
-
-namespace {
-
-std::shared_ptr<FILE> openForWriting(const std::string& path, const char* mode = "w+") {
-    return std::shared_ptr<FILE>(std::fopen(path.c_str(), mode), std::fclose);
-}
-
-}  // namespace
 
 // One image of a progress job on the transfer thread, with the host's side:
 // lock, map, and the reports it receives.
@@ -115,15 +107,4 @@ TEST_F(ProgressJob, UnwritableFileCancelsTheDownload) {
     int code = 0;
     EXPECT_FALSE(client.downloadStream(&param, openForWriting(out.path(), "r"), &code, false).empty());
     EXPECT_EQ(log.count("write file error, download for this image will be cancel, image: ro"), 1u);
-}
-
-TEST_F(ProgressJob, UnknownLengthSendsNoReportAndNeverCompletes) {
-    TempFile out;
-    download_param param = job("/bytes-chunked/500000", "chunked");
-    int code = 0;
-    EXPECT_EQ(client.downloadStream(&param, openForWriting(out.path()), &code, false), "");
-    EXPECT_TRUE(percentages.empty());
-    EXPECT_EQ(total_percentage, 0.0);
-    EXPECT_EQ(map["job"]["chunked"].total, -1.0);
-    EXPECT_EQ(readWholeFile(out.path()), pattern(500000));
 }

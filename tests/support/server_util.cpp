@@ -32,17 +32,12 @@ std::string pattern(size_t length) {
 
 TestServer::TestServer(const std::string& address, const Setup& setup)
     : server_(new httplib::Server()) {
-    start(address, setup);
+    start(address, setup, 0);
 }
 
-TestServer::TestServer(const TlsFiles& tls, const std::string& address, const Setup& setup)
+TestServer::TestServer(const TlsFiles& tls, const std::string& address, const Setup& setup, int port)
     : server_(new httplib::SSLServer(tls.certificate.c_str(), tls.key.c_str())), tls_(true) {
-    start(address, setup);
-}
-
-TestServer::TestServer(const TlsFiles& tls, const std::string& address, int port)
-    : server_(new httplib::SSLServer(tls.certificate.c_str(), tls.key.c_str())), tls_(true) {
-    start(address, {}, port);
+    start(address, setup, port);
 }
 
 void TestServer::start(const std::string& address, const Setup& setup, int port) {

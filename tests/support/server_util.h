@@ -34,10 +34,9 @@ public:
     // Plain HTTP on `address` (the standard endpoints plus whatever `setup`
     // adds before listening).
     explicit TestServer(const std::string& address = "127.0.0.1", const Setup& setup = {});
-    // HTTPS with the given certificate and key.
-    TestServer(const TlsFiles& tls, const std::string& address, const Setup& setup = {});
-    // HTTPS on a given port (for a server that takes over an origin).
-    TestServer(const TlsFiles& tls, const std::string& address, int port);
+    // HTTPS with the given certificate and key; on `port` when not 0 (a
+    // server that takes over an origin).
+    TestServer(const TlsFiles& tls, const std::string& address, const Setup& setup = {}, int port = 0);
     ~TestServer();
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
@@ -53,7 +52,7 @@ public:
     void serveBytes(const std::string& path, const std::string& body, int status = 200);
 
 private:
-    void start(const std::string& address, const Setup& setup, int port = 0);
+    void start(const std::string& address, const Setup& setup, int port);
     void addStandardEndpoints();
     RecordedRequest record(const httplib::Request& request);
     bool stallFor(int milliseconds);

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -77,3 +78,11 @@ std::string readWholeFile(const std::string& path);
 // Runs a GET to its end through WebRequest: the HTTP status, or -1 when the
 // wait ran out.
 long completeGet(const std::string& url);
+
+// A stdio stream on `path` (mode as for fopen), closed with the last owner.
+inline std::shared_ptr<FILE> openForWriting(const std::string& path, const char* mode = "w+") {
+    return std::shared_ptr<FILE>(std::fopen(path.c_str(), mode), std::fclose);
+}
+
+// This process's open descriptors: number -> what it refers to.
+std::map<int, std::string> openDescriptors();

@@ -32,10 +32,6 @@ using testing::internal::GetCapturedStderr;
 
 namespace {
 
-size_t openDescriptors() {
-    return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
-}
-
 // No child at all, running or zombie (a zombie found is reaped, and fails).
 bool noChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
@@ -111,7 +107,7 @@ TEST(Popen3, ChildSeesOnlyItsStandardDescriptors) {
 TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
     sandbox.serveBundle(good);
     LogCapture log;
-    const size_t before = openDescriptors();
+    const auto before = openDescriptors();
     const std::string scripts[] = {
         // Far more on stderr than a pipe holds before stdout ends: read one
         // stream after the other, this stalls until the time limit kills it.
