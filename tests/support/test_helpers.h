@@ -1,6 +1,7 @@
 // Small helpers shared by the test binaries.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -49,27 +50,46 @@ private:
     std::string path_;
 };
 
-// Points standard input at a pipe holding `data` for the object's lifetime:
-// a body-less POST must not send what libcurl would read from it.
-class StdinWithData {
+// Points descriptor `target` at `replacement` (which it takes over) for the
+// object's lifetime.
+class RedirectedDescriptor {
 public:
-    explicit StdinWithData(const std::string& data) {
-        int fds[2];
-        if (pipe(fds) != 0) return;
-        (void)!write(fds[1], data.data(), data.size());
-        close(fds[1]);
-        dup2(fds[0], STDIN_FILENO);
-        close(fds[0]);
+    RedirectedDescriptor(int target, int replacement) : target_(target), saved_(dup(target)) {
+        if (replacement < 0) return;
+        dup2(replacement, target);
+        close(replacement);
     }
-    ~StdinWithData() {
-        dup2(saved_, STDIN_FILENO);
+    ~RedirectedDescriptor() {
+        dup2(saved_, target_);
         close(saved_);
     }
-    StdinWithData(const StdinWithData&) = delete;
-    StdinWithData& operator=(const StdinWithData&) = delete;
+    RedirectedDescriptor(const RedirectedDescriptor&) = delete;
+    RedirectedDescriptor& operator=(const RedirectedDescriptor&) = delete;
 
 private:
-    int saved_ = dup(STDIN_FILENO);
+    int target_;
+    int saved_;
+};
+
+// The read end of a pipe that holds `data` and is closed for writing.
+inline int pipeHolding(const std::string& data) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    (void)!write(fds[1], data.data(), data.size());
+    close(fds[1]);
+    return fds[0];
+}
+
+// Standard input holding `data`: a body-less POST must not send what libcurl
+// would read from it.
+struct StdinWithData : RedirectedDescriptor {
+    explicit StdinWithData(const std::string& data) : RedirectedDescriptor(STDIN_FILENO, pipeHolding(data)) {}
+};
+
+// Standard error discarded: child-process diagnostics that a test provokes
+// on purpose would only bury the test's own output.
+struct QuietStderr : RedirectedDescriptor {
+    QuietStderr() : RedirectedDescriptor(STDERR_FILENO, open("/dev/null", O_WRONLY | O_CLOEXEC)) {}
 };
 
 // Reads a whole file; empty when it cannot be read.

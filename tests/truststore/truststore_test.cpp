@@ -26,9 +26,6 @@
 
 namespace fs = std::filesystem;
 using truststore_paths::kCaBundlePem;
-// The child-process functions write their diagnostics to descriptor 2.
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 namespace {
 
@@ -77,12 +74,11 @@ TEST(Popen3, CapturesOutputAsBoundedLinesAndTheExitStatus) {
     };
     for (const auto& c : cases) {
         std::vector<char> buffer(c.buffer.size(), 'x');
-        CaptureStderr();
+        QuietStderr quiet;  // the child-process functions report to descriptor 2
         popen3_streams child = popen3(c.command.c_str());
         EXPECT_EQ(fgets_some(buffer.data(), static_cast<int>(buffer.size()),
                              c.fromStderr ? child.child_err : child.child_out), 0);
         EXPECT_EQ(pclose3(child), c.status) << c.command;
-        (void)GetCapturedStderr();
         EXPECT_EQ(std::string(buffer.data(), buffer.size()), c.buffer) << c.command;
     }
     EXPECT_TRUE(noChildren());
@@ -92,14 +88,13 @@ TEST(Popen3, ChildSeesOnlyItsStandardDescriptors) {
     // Opened without close-on-exec, as libcurl opens its sockets; and a
     // running sibling whose pipe ends the parent holds.
     const int inheritedSocket = socket(AF_INET, SOCK_STREAM, 0);
-    CaptureStderr();
+    QuietStderr quiet;
     popen3_streams sibling = popen3("cat");
     popen3_streams lister = popen3("ls /proc/$$/fd");
     char listing[16];
     EXPECT_EQ(fgets_some(listing, sizeof listing, lister.child_out), 0);
     EXPECT_EQ(pclose3(lister), 0);
     EXPECT_EQ(pclose3(sibling), 0);
-    (void)GetCapturedStderr();
     close(inheritedSocket);
     EXPECT_EQ(std::string(listing, sizeof listing), std::string("0\n\0" "1\n\0" "2\n\0", 9) + std::string(7, '\0'));
 }
@@ -117,9 +112,10 @@ TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
     };
     for (const std::string& script : scripts) {
         sandbox.installScript("#!/bin/sh\n" + script + "\n");
-        CaptureStderr();
-        refreshCaBundle();
-        (void)GetCapturedStderr();
+        {
+            QuietStderr quiet;
+            refreshCaBundle();
+        }
         EXPECT_EQ(sandbox.status(), 3) << script;
         EXPECT_TRUE(noChildren()) << script;
     }
