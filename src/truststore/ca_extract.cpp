@@ -6,6 +6,7 @@
 // the refresh, which holds the CA file's write lock meanwhile. The buffers
 // end up exactly as fgets_some would have filled them, and the same
 // diagnostics go to stderr.
+#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -17,8 +18,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <initializer_list>
+#include <map>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "truststore/child_process.h"
 #include "truststore/truststore_internal.h"
@@ -69,8 +75,12 @@ private:
         start_ += length_ + 1;
         length_ = 0;
         std::fprintf(stderr, "fgets ok. increase: %zu remain: %d\n", increase, room());
-        // fgets with a room of 1 stores just the NUL.
-        if (room() == 1) closeString();
+        // fgets with a room of 1 stores just the NUL; that inner close
+        // reports the full buffer itself.
+        if (room() == 1) {
+            closeString();
+            return;
+        }
         if (room() == 0) markFull();
     }
 
@@ -160,17 +170,45 @@ bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::ti
     return true;
 }
 
+// The parent of every process, from /proc/<pid>/stat ("pid (comm) state ppid ...";
+// comm may hold spaces and parentheses, so the fields after the last ')').
+std::multimap<pid_t, pid_t> childrenByParent() {
+    std::multimap<pid_t, pid_t> children;
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    if (!proc) return children;
+    while (const dirent* entry = readdir(proc.get())) {
+        const pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name));
+        if (pid <= 0) continue;
+        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
+        std::string line;
+        std::getline(stat, line);
+        const size_t close = line.rfind(')');
+        if (close == std::string::npos || close + 4 >= line.size()) continue;
+        children.emplace(static_cast<pid_t>(std::atoi(line.c_str() + close + 4)), pid);
+    }
+    return children;
+}
+
+// Kills the child and everything it started: a shell killed alone would
+// leave a hung openssl running for good.
+void killProcessTree(pid_t root) {
+    const std::multimap<pid_t, pid_t> children = childrenByParent();
+    std::vector<pid_t> tree = {root};
+    for (size_t i = 0; i < tree.size(); ++i) {
+        const auto range = children.equal_range(tree[i]);
+        for (auto child = range.first; child != range.second; ++child) tree.push_back(child->second);
+    }
+    // The root stays unreaped until pclose3, so its pid is still ours; its
+    // descendants were found while it lived and are killed first.
+    for (auto pid = tree.rbegin(); pid != tree.rend(); ++pid) (void)kill(*pid, SIGKILL);
+}
+
 std::string extractCommand(std::string const& bundle, std::string const& output) {
     return std::string(truststore_paths::kExtractScript) + " " + truststore_paths::kRootSigningCert + " " +
            bundle + " " + output;
 }
 
 }  // namespace
-
-namespace truststore {
-
-
-}  // namespace truststore
 
 int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& output) {
     const std::string command = extractCommand(bundle, output);
@@ -187,7 +225,7 @@ int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& out
     const bool finished = collectUntilExit(pid, out, err, deadline);
     if (!finished) {
         WC_LOG_ERROR("[ExtractCa] %s still running after %lld ms, killed", command.c_str(), limitMs);
-        (void)kill(pid, SIGKILL);  // not reaped yet, so the pid is still ours
+        killProcessTree(pid);
     }
     WC_LOG_DEBUG("%s stdout: %s\n", command.c_str(), outBuffer);
     WC_LOG_DEBUG("%s stderr: %s\n", command.c_str(), errBuffer);
