@@ -9,9 +9,11 @@
 // for that refresh to finish before it resets the status.
 //
 // The relay thread holds the callback mutex while TimerCb runs (and waits
-// for status_mutex), so a manager cannot go away mid-call; nothing else is
-// held meanwhile, so StartTimer and StopTimer elsewhere never wait for a
-// refresh. A CA handler must not call StartTimer, which rebinds the callback.
+// for status_mutex), so a manager cannot go away mid-call. StartTimer
+// rebinds the callback under that mutex, so while an expiry is being
+// delivered during a refresh it waits for that refresh too; a CA handler
+// (which runs inside a refresh) must therefore not call StartTimer.
+// StopTimer takes no callback mutex and never waits.
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
