@@ -2,6 +2,24 @@
 #pragma once
 
 #include "cli_options.h"
+#include "webclient/flat_api.h"
+
+// The transfer backend for the life of a command, stopped on every way out
+// (a thread still running at exit would outlive the library's state).
+class BackendRun {
+public:
+    explicit BackendRun(bool start) : started_(start) {
+        if (started_) initCurlBackEnd();
+    }
+    ~BackendRun() {
+        if (started_) stopCurlBackEnd();
+    }
+    BackendRun(const BackendRun&) = delete;
+    BackendRun& operator=(const BackendRun&) = delete;
+
+private:
+    bool started_;
+};
 
 int runTrustCommand(const CliOptions& options);
 int runDemo(const CliOptions& options);

@@ -60,11 +60,26 @@ void runDownload(const CliOptions& o, Outcome& out) {
     progress.finish(o.outputFile);
 }
 
+// libcurl's texts for an unverified peer (60) or an unreadable CA file (77):
+// the only failures after which a verb made with --ssl tries again.
+bool isTrustFailureText(const std::string& error) {
+    for (const char* start : {"SSL certificate problem", "SSL: no alternative certificate subject name",
+                              "SSL: certificate subject name", "SSL: unable to obtain common name",
+                              "SSL: couldn't get peer certificate", "SSL peer certificate", "error setting certificate",
+                              "Problem with the SSL CA cert"}) {
+        if (error.rfind(start, 0) == 0) return true;
+    }
+    return false;
+}
+
 int exitStatusOf(const Outcome& out, bool useSsl) {
     if (out.status == 0) return kExitTransferFailed;
-    // With --ssl the error text may be left from a first attempt that the
-    // retry after a CA-bundle refresh made good.
-    if (!out.error.empty() && !useSsl) return kExitTransferFailed;
+    // A verb keeps the error text of a failed attempt. With --ssl a trust
+    // failure is retried after a CA-bundle refresh, so such a text next to
+    // an HTTP status is the first attempt's, made good by the second; any
+    // other text is the last attempt's own failure.
+    const bool madeGood = useSsl && isTrustFailureText(out.error);
+    if (!out.error.empty() && !madeGood) return kExitTransferFailed;
     return out.status >= 400 ? kExitHttpError : kExitOk;
 }
 

@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "cli_commands.h"
+#include "truststore/truststore_paths.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/host.h"
 
@@ -25,15 +26,17 @@ int currentStatus(CaBundleManager& store) {
     return status;
 }
 
+// The status and the CA file in use belong to this process's trust store
+// (a refresh run here sets them); the file on disk is the device's.
 void printStatus(CaBundleManager& store) {
     const int status = currentStatus(store);
-    std::printf("status:             %d %s\n", status, statusName(status));
-    std::printf("CA file:            %s\n", store.ca_file.empty() ? "(none yet)" : store.ca_file.c_str());
-    std::printf("CA file on disk:    %s\n",
-                !store.ca_file.empty() && isFileExist(store.ca_file.c_str()) ? "yes" : "no");
-    std::printf("certificate dir:    %s\n", store.cert_dir.c_str());
-    std::printf("bundle source:      %s\n", store.download_url.c_str());
-    std::printf("shipped fallback:   %s\n", store.use_default_bundle ? "allowed" : "no longer used");
+    std::printf("status (here):           %d %s\n", status, statusName(status));
+    std::printf("CA file (here):          %s\n", store.ca_file.empty() ? "(none yet)" : store.ca_file.c_str());
+    std::printf("CA file on disk:         %s %s\n", truststore_paths::kCaBundlePem,
+                isFileExist(truststore_paths::kCaBundlePem) ? "(present)" : "(absent)");
+    std::printf("certificate dir:         %s\n", store.cert_dir.c_str());
+    std::printf("bundle source:           %s\n", store.download_url.c_str());
+    std::printf("shipped fallback (here): %s\n", store.use_default_bundle ? "allowed" : "no longer used");
 }
 
 }  // namespace

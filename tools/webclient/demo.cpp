@@ -96,7 +96,12 @@ void multipartUpload(Steps& steps, const DemoServer& http, const std::string& sc
 
 void downloadWithProgress(Steps& steps, const DemoServer& http, const std::string& scratch) {
     const std::string path = scratch + "/download.bin";
-    std::shared_ptr<FILE> file(std::fopen(path.c_str(), "w+"), std::fclose);
+    FILE* stream = std::fopen(path.c_str(), "w+");
+    if (stream == nullptr) {
+        steps.report(false, "download of 8 MiB with progress reports", "cannot open " + path);
+        return;
+    }
+    std::shared_ptr<FILE> file(stream, std::fclose);
     DownloadProgress progress("download.bin");
     download_param param;
     param.url = http.url("127.0.0.1", "/file");
@@ -132,6 +137,9 @@ void httpsRetryAfterRefresh(Steps& steps, DemoServer& http, const DemoPki& pki, 
     std::string body, error;
     int code = 0;
     client.get(https.url("127.0.0.2", "/hello"), "", "", headers, body, &code, error, true);
+    // The handler refers to `handled`, which ends with this function, while
+    // later refreshes would still call it.
+    registerCAhandler(nullptr);
     steps.report(!error.empty() && code == 200 && body == "hello over TLS",
                  "HTTPS: first attempt failed verification, bundle refreshed, retry succeeded",
                  "first error: " + error);
@@ -155,7 +163,6 @@ void trustStoreSteps(Steps& steps, DemoServer& http, const DemoPki& pki, const s
     DemoServer clientAuthOnly(scratch + "/clientauth.pem", scratch + "/clientauth.key", "127.0.0.3");
     httpsRetryAfterRefresh(steps, http, pki, good);
     httpsRejectedForKeyUsage(steps, clientAuthOnly);
-    registerCAhandler(nullptr);
 }
 
 }  // namespace
@@ -166,11 +173,12 @@ int runDemo(const CliOptions& /*options*/) {
     const DemoPki pki = makePki();
     std::string reason = sandbox.skipReason;
     if (sandbox.trustStoreReady) {
-        sandbox.trustStoreReady = installTrustStoreFiles(pki_builder::certificatePem(pki.signingRoot), reason);
+        sandbox.trustStoreReady =
+            installTrustStoreFiles(sandbox, pki_builder::certificatePem(pki.signingRoot), reason);
     }
     DemoServer http;
     std::printf("webclient demo: loopback servers up; starting the transfer backend (about 6 s)\n");
-    initCurlBackEnd();
+    BackendRun backend(true);
     getWithHeadersAndCookie(steps, http);
     verbsWithCredentials(steps, http);
     multipartUpload(steps, http, sandbox.scratch);
@@ -182,7 +190,7 @@ int runDemo(const CliOptions& /*options*/) {
                    "the trust store's fixed paths could not be re-rooted (" + reason +
                        "); the demo never touches the real ones");
     }
-    stopCurlBackEnd();
+    removeDemoScratch(sandbox);
     std::printf(steps.exitStatus() == kExitOk ? "demo finished: every step behaved as expected\n"
                                               : "demo FAILED\n");
     return steps.exitStatus();

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -69,14 +70,25 @@ bool writeFile(const std::string& path, const std::string& contents, mode_t mode
     return out.good() && chmod(path.c_str(), mode) == 0;
 }
 
+std::string readExtractionScript() {
+    const std::string script = findExtractionScript();
+    if (script.empty()) return std::string();
+    std::ifstream in(script, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
 }  // namespace
 
 DemoSandbox prepareDemoSandbox() {
     DemoSandbox sandbox;
+    sandbox.extractionScript = readExtractionScript();
     std::string reason;
     const bool isolated = enterPrivateNamespace(reason);
     char scratch[] = "/tmp/webclient-demo-XXXXXX";
     sandbox.scratch = mkdtemp(scratch) ? scratch : "/tmp";
+    sandbox.scratchIsPrivate = isolated || sandbox.scratch == "/tmp";
     if (isolated && overlay("/etc", sandbox.scratch, reason) && overlay("/usr/lib", sandbox.scratch, reason)) {
         sandbox.trustStoreReady = true;
     } else {
@@ -85,22 +97,24 @@ DemoSandbox prepareDemoSandbox() {
     return sandbox;
 }
 
-bool installTrustStoreFiles(const std::string& signingRootPem, std::string& reason) {
-    const std::string script = findExtractionScript();
-    if (script.empty()) {
-        reason = "extract_ca_bundle.sh not found beside the program or in its data directory";
+bool installTrustStoreFiles(const DemoSandbox& sandbox, const std::string& signingRootPem, std::string& reason) {
+    if (sandbox.extractionScript.empty()) {
+        reason = "extract_ca_bundle.sh not found (or empty) beside the program or in its data directory";
         return false;
     }
-    std::ifstream in(script, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
     const std::string downloaded = truststore_paths::kDownloadedBundle;
     const std::string dirs = std::string("mkdir -p '") + truststore_paths::kCertDir + "' '" +
                              downloaded.substr(0, downloaded.rfind('/')) + "'";
-    if (!writeFile(truststore_paths::kExtractScript, text.str(), 0755) ||
+    if (!writeFile(truststore_paths::kExtractScript, sandbox.extractionScript, 0755) ||
         !writeFile(truststore_paths::kRootSigningCert, signingRootPem, 0644) || std::system(dirs.c_str()) != 0) {
         reason = failure("installing the trust store's files");
         return false;
     }
     return true;
+}
+
+void removeDemoScratch(const DemoSandbox& sandbox) {
+    if (sandbox.scratchIsPrivate) return;
+    std::error_code ignored;
+    std::filesystem::remove_all(sandbox.scratch, ignored);
 }

@@ -1,6 +1,7 @@
 #include "demo_servers.h"
 
 #include <chrono>
+#include <stdexcept>
 
 std::string demoFileBytes(size_t size) {
     std::string bytes(size, '\0');
@@ -26,11 +27,22 @@ DemoServer::~DemoServer() {
     if (listener_.joinable()) listener_.join();
 }
 
+// A server that cannot bind (or whose certificate did not load) would never
+// report running: that is an error, not a wait.
 void DemoServer::listenOn(const std::string& address) {
     server_->set_keep_alive_timeout(1);
-    port_ = server_->bind_to_any_port(address.c_str());
+    port_ = server_->is_valid() ? server_->bind_to_any_port(address.c_str()) : -1;
+    if (port_ < 0) throw std::runtime_error("cannot start a demo server on " + address);
     listener_ = std::thread([this] { server_->listen_after_bind(); });
-    while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!server_->is_running()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            server_->stop();
+            listener_.join();
+            throw std::runtime_error("demo server on " + address + " did not start");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 std::string DemoServer::url(const std::string& host, const std::string& path) const {

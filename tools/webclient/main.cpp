@@ -2,6 +2,7 @@
 // trying every capability and for diagnosing exchanges through exactly the
 // library's own code paths.
 #include <cstdio>
+#include <exception>
 
 #include "cli_commands.h"
 #include "cli_options.h"
@@ -16,9 +17,7 @@ bool needsBackend(const CliOptions& options) {
     return !kpu_utilities::string_con::IsDomainInUrl(options.url);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int runCommand(int argc, char** argv) {
     CliOptions options;
     std::string error;
     if (!parseCommandLine(argc, argv, options, error)) {
@@ -32,9 +31,21 @@ int main(int argc, char** argv) {
     if (options.verbose) SetWebClientLogLevel(WEBCLIENT_LOG_DEBUG);
     if (options.verb == "demo") return runDemo(options);
     if (options.verb == "trust") return runTrustCommand(options);
-    const bool backend = needsBackend(options);
-    if (backend) initCurlBackEnd();
-    const int status = runTransferCommand(options);
-    if (backend) stopCurlBackEnd();
-    return status;
+    BackendRun backend(needsBackend(options));
+    return runTransferCommand(options);
+}
+
+}  // namespace
+
+// Set-up failures of a verb reach the caller as exceptions; so do the
+// demo's own (a server that cannot start, a certificate that cannot be made).
+int main(int argc, char** argv) {
+    try {
+        return runCommand(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "webclient: %s\n", error.what());
+    } catch (...) {
+        std::fprintf(stderr, "webclient: unexpected failure\n");
+    }
+    return kExitTransferFailed;
 }
