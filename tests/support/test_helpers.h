@@ -99,9 +99,11 @@ std::string readWholeFile(const std::string& path);
 // wait ran out.
 long completeGet(const std::string& url);
 
-// A stdio stream on `path` (mode as for fopen), closed with the last owner.
+// A stdio stream on `path` (mode as for fopen), closed with the last owner;
+// empty when it cannot be opened (a shared_ptr would hand fclose a null).
 inline std::shared_ptr<FILE> openForWriting(const std::string& path, const char* mode = "w+") {
-    return std::shared_ptr<FILE>(std::fopen(path.c_str(), mode), std::fclose);
+    FILE* file = std::fopen(path.c_str(), mode);
+    return file ? std::shared_ptr<FILE>(file, std::fclose) : nullptr;
 }
 
 // This process's open descriptors: number -> what it refers to.
