@@ -2,6 +2,7 @@
 // thread; no pool, no backend, no peer verification.
 #include "webclient/easy_web_client.h"
 
+#include "engine/callback_barrier.h"
 #include "engine/handle_renewal.h"
 #include "util/log.h"
 #include "webclient/flat_api.h"
@@ -149,14 +150,18 @@ int EasyWebClient::uploadByPost(std::string const& url, std::string const& user,
     return responseCodeOf(curl_handle);
 }
 
+// As for WebRequest: an exception (a body too large for memory) must not
+// unwind through libcurl; it ends the transfer as a write error.
 size_t EasyWebClient::receiveData(char* data, size_t size, size_t count, void* client) {
-    return static_cast<size_t>(
-        static_cast<EasyWebClient*>(client)->receiveDataInternal(data, static_cast<int>(size * count)));
+    return webclient::writeErrorOnException("receiveData", [&] {
+        return static_cast<EasyWebClient*>(client)->receiveDataInternal(data, static_cast<int>(size * count));
+    });
 }
 
 size_t EasyWebClient::receiveHeader(char* data, size_t size, size_t count, void* client) {
-    return static_cast<size_t>(static_cast<EasyWebClient*>(client)->receiveHeaderInternal(
-        data, static_cast<int>(size * count)));
+    return webclient::writeErrorOnException("receiveHeader", [&] {
+        return static_cast<EasyWebClient*>(client)->receiveHeaderInternal(data, static_cast<int>(size * count));
+    });
 }
 
 int EasyWebClient::receiveDataInternal(const char* data, int count) {

@@ -120,7 +120,7 @@ std::string WebClient::downloadStream(download_param* param, std::shared_ptr<FIL
             if (request.wait(downloadTimeoutMs) != 0) {
                 WC_LOG_DEBUG("WebClient::downloadStream timeout");
                 WC_LOG_DEBUG("[%s] exception %s", "downloadStream", "Operation timed out");
-                request.abort();
+                detachUnfinished(request, "downloadStream");
             }
             if (responseCode != nullptr) *responseCode = static_cast<int>(request.getResponseCode());
             status = CheckStatus(request);

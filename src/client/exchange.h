@@ -37,6 +37,11 @@ int finishAttempt(WebClient& client, WebRequest& request, const char* logName, i
 // detaches the request from the transfer thread.
 void waitOrDetach(WebRequest& request, const char* logName, int waitMs);
 
+// Detaches a request whose wait ran out from the transfer thread. A failing
+// multi-handle removal is logged, not thrown: a timeout reaches the caller
+// as the unfinished transfer's state, never as an exception.
+void detachUnfinished(WebRequest& request, const char* logName);
+
 // After a trust failure (status 2) of a useSsl call: spends one attempt,
 // refreshes the CA bundle, and says whether another attempt is due.
 bool refreshAfterTrustFailure(int status, bool useSsl, int& attemptsLeft);

@@ -91,7 +91,15 @@ void waitOrDetach(WebRequest& request, const char* logName, int waitMs) {
         // Reading the result of a transfer that the transfer thread may
         // still drive is unsafe: detach it first. What is read afterwards is
         // the unfinished transfer's state (result 0).
+        detachUnfinished(request, logName);
+    }
+}
+
+void detachUnfinished(WebRequest& request, const char* logName) {
+    try {
         request.abort();
+    } catch (const WebException& error) {
+        WC_LOG_ERROR("[%s] detaching the unfinished request failed: %s", logName, error.what());
     }
 }
 

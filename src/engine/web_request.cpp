@@ -3,11 +3,13 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 
 #include <openssl/x509.h>
 
+#include "engine/callback_barrier.h"
 #include "engine/handle_renewal.h"
 #include "engine/web_request_impl.h"
 #include "engine/yield_wait.h"
@@ -178,23 +180,18 @@ void WebRequest::setupRequest() { applyBaseOptions(*this, false); }
 void WebRequest::setupRequest_ex() { applyBaseOptions(*this, true); }
 
 // libcurl calls these from C: no exception may unwind through its frames,
-// so any escaping exception aborts the transfer as a write error instead.
+// so any escaping exception aborts the transfer as a write error instead,
+// logged so that the write error's real cause is not lost.
 size_t WebRequest::receiveData(char* data, size_t size, size_t count, void* request) {
-    try {
-        return static_cast<size_t>(
-            static_cast<WebRequest*>(request)->receiveDataInternal(data, static_cast<int>(size * count)));
-    } catch (...) {
-        return 0;
-    }
+    return webclient::writeErrorOnException("receiveData", [&] {
+        return static_cast<WebRequest*>(request)->receiveDataInternal(data, static_cast<int>(size * count));
+    });
 }
 
 size_t WebRequest::receiveHeader(char* data, size_t size, size_t count, void* request) {
-    try {
-        return static_cast<size_t>(static_cast<WebRequest*>(request)->receiveHeaderInternal(
-            data, static_cast<int>(size * count)));
-    } catch (...) {
-        return 0;
-    }
+    return webclient::writeErrorOnException("receiveHeader", [&] {
+        return static_cast<WebRequest*>(request)->receiveHeaderInternal(data, static_cast<int>(size * count));
+    });
 }
 
 int WebRequest::receiveDataInternal(const char* data, int count) {
@@ -203,7 +200,10 @@ int WebRequest::receiveDataInternal(const char* data, int count) {
         if (curl_easy_getinfo(impl_->curl_handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD, &length) != CURLE_OK) {
             handleError();
         }
-        if (static_cast<double>(count) <= length) content_length = static_cast<int32_t>(length);
+        // A length a 32-bit integer cannot hold stays unknown rather than wrap.
+        if (static_cast<double>(count) <= length && length <= static_cast<double>(INT32_MAX)) {
+            content_length = static_cast<int32_t>(length);
+        }
     }
     auto args = std::make_shared<DataReceivedEventArgs>();
     args->data = data;

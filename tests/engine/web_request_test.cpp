@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <stdexcept>
 #include <thread>
 
 #include "engine/web_request_impl.h"
@@ -75,7 +76,7 @@ TEST_P(Dispatch, UploadsSendTheStreamOrTheFormAndNeverStandardInput) {
     EXPECT_EQ(seen.parts[2].content_type, "application/octet-stream");
 }
 
-TEST_P(Dispatch, CancelFromDataCallbackEndsWithWriteError) {
+TEST_P(Dispatch, CancelOrExceptionFromDataCallbackEndsWithWriteError) {
     int chunks = 0;
     {
         WebRequest request(url("/bytes/1048576"), "GET", false);
@@ -84,6 +85,15 @@ TEST_P(Dispatch, CancelFromDataCallbackEndsWithWriteError) {
         EXPECT_EQ(request.impl_->result, CURLE_WRITE_ERROR);
     }
     EXPECT_EQ(chunks, 1);
+    {
+        // An exception must not unwind through libcurl: a logged write error.
+        LogCapture log;
+        WebRequest request(url("/bytes/1048576"), "GET", false);
+        request.downloadAsync([](std::shared_ptr<DataReceivedEventArgs>) { throw std::runtime_error("no room"); }, {});
+        ASSERT_EQ(request.wait(5000), 0);
+        EXPECT_EQ(request.impl_->result, CURLE_WRITE_ERROR);
+        EXPECT_EQ(log.count("[receiveData] exception no room"), 1u);
+    }
     // Every log line is checked for secrets: the query's password must show masked.
     EXPECT_EQ(completeGet(url("/status/200?password=hunter2")), 200) << "the origin stays usable";
 }
