@@ -2,8 +2,9 @@
 // thread; no pool, no backend, no peer verification.
 #include "webclient/easy_web_client.h"
 
-#include "engine/callback_barrier.h"
 #include "engine/handle_renewal.h"
+#include "engine/header_lines.h"
+#include "util/callback_barrier.h"
 #include "util/log.h"
 #include "webclient/flat_api.h"
 #include "webclient/web_request.h"
@@ -62,11 +63,18 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
         const std::string userPassword = user + ":" + password;
         curl_easy_setopt(h, CURLOPT_USERPWD, userPassword.c_str());
     }
-    for (const auto& line : headers) header_list = curl_slist_append(header_list, line.c_str());
-    // As a header line the cookie stays with the original host, port and
-    // scheme when a redirect leads elsewhere; CURLOPT_COOKIE alone would not.
-    if (!cookie.empty()) header_list = curl_slist_append(header_list, ("Cookie: " + cookie).c_str());
-    if (header_list != nullptr) curl_easy_setopt(h, CURLOPT_HTTPHEADER, header_list);
+    // Each call sends its own lines only: an object used again must not
+    // repeat an earlier call's Authorization or Cookie line.
+    curl_slist* lines = nullptr;
+    if (!webclient::buildHeaderList(headers, cookie, lines)) {
+        WC_LOG_ERROR("[%s] cannot build the request header lines", "setupRequest");
+        curl_easy_setopt(h, CURLOPT_URL, "");  // fails the transfer rather than sending it without them
+    }
+    if (lines != nullptr || header_list != nullptr) curl_easy_setopt(h, CURLOPT_HTTPHEADER, lines);
+    if (lines != nullptr) {
+        if (header_list != nullptr) curl_slist_free_all(header_list);
+        header_list = lines;
+    }
     if (!cookie.empty()) curl_easy_setopt(h, CURLOPT_COOKIE, cookie.c_str());
 }
 
@@ -131,10 +139,15 @@ int EasyWebClient::uploadByPost(std::string const& url, std::string const& user,
     if (curl_handle == nullptr) return -1;
     setupRequest(url, user, password, kNoCookie, headers);
     if (!filePath.empty()) {
+        // A form of its own, so that an object used again neither leaks nor
+        // resends the earlier call's file.
+        curl_httppost* form = nullptr;
         curl_httppost* last = nullptr;
-        curl_formadd(&form_post, &last, CURLFORM_COPYNAME, fieldName.c_str(), CURLFORM_FILE,
-                     filePath.c_str(), CURLFORM_CONTENTTYPE, "application/octet-stream", CURLFORM_END);
-        curl_easy_setopt(curl_handle, CURLOPT_HTTPPOST, form_post);
+        curl_formadd(&form, &last, CURLFORM_COPYNAME, fieldName.c_str(), CURLFORM_FILE, filePath.c_str(),
+                     CURLFORM_CONTENTTYPE, "application/octet-stream", CURLFORM_END);
+        curl_easy_setopt(curl_handle, CURLOPT_HTTPPOST, form);
+        if (form_post != nullptr) curl_formfree(form_post);
+        form_post = form;
     } else {
         curl_easy_setopt(curl_handle, CURLOPT_POST, 1L);
         // Without this libcurl would read a body from standard input.

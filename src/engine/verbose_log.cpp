@@ -1,13 +1,31 @@
 #include "engine/verbose_log.h"
 
-#include <strings.h>
+#include <algorithm>
+#include <cctype>
 
+#include "util/callback_barrier.h"
 #include "util/log.h"
 #include "webclient/web_request.h"
 
 namespace {
 
-const char* const kSecretHeaders[] = {"Authorization:", "Proxy-Authorization:", "Cookie:", "Set-Cookie:"};
+// A header whose name contains one of these carries a credential: the
+// standard ones (Authorization, Cookie) and the usual custom ones
+// (X-Auth-Token, X-API-Key, X-Session-Id, ...).
+const char* const kSecretNameParts[] = {"auth", "cookie", "token", "key", "secret", "session", "password"};
+
+// The length of "Name:" when `line` is a header line whose name looks
+// secret, otherwise 0.
+size_t secretHeaderNameLength(const std::string& line) {
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos || colon == 0 || line.find_first_of(" \t") < colon) return 0;
+    std::string name = line.substr(0, colon);
+    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+    for (const char* part : kSecretNameParts) {
+        if (name.find(part) != std::string::npos) return colon + 1;
+    }
+    return 0;
+}
 
 const char* prefixFor(curl_infotype type) {
     switch (type) {
@@ -20,26 +38,24 @@ const char* prefixFor(curl_infotype type) {
 }  // namespace
 
 std::string maskVerboseLine(const std::string& line) {
-    for (const char* name : kSecretHeaders) {
-        const size_t length = std::char_traits<char>::length(name);
-        if (line.size() >= length && strncasecmp(line.c_str(), name, length) == 0) {
-            return line.substr(0, length) + " ***";
-        }
-    }
+    const size_t nameLength = secretHeaderNameLength(line);
+    if (nameLength != 0) return line.substr(0, nameLength) + " ***";
     return get_printable_url(line);
 }
 
 int logVerboseLine(CURL*, curl_infotype type, char* data, size_t size, void*) {
     if (type != CURLINFO_TEXT && type != CURLINFO_HEADER_IN && type != CURLINFO_HEADER_OUT) return 0;
-    const std::string text(data, size);
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(start, end - start);
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (!line.empty()) WC_LOG_DEBUG("%s%s", prefixFor(type), maskVerboseLine(line).c_str());
-        start = end + 1;
-    }
-    return 0;
+    return webclient::resultOrOnException("logVerboseLine", 0, [&] {
+        const std::string text(data, size);
+        size_t start = 0;
+        while (start < text.size()) {
+            size_t end = text.find('\n', start);
+            if (end == std::string::npos) end = text.size();
+            std::string line = text.substr(start, end - start);
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            if (!line.empty()) WC_LOG_DEBUG("%s%s", prefixFor(type), maskVerboseLine(line).c_str());
+            start = end + 1;
+        }
+        return 0;
+    });
 }

@@ -1,7 +1,7 @@
 // libcurl's verbose output, routed through the host logger (debug level,
 // module 18) instead of straight to standard error, with secrets masked:
-// the values of Authorization, Proxy-Authorization, Cookie and Set-Cookie
-// header lines, and password / client_secret query values.
+// the values of header lines whose names name a credential (Authorization,
+// Cookie, X-Auth-Token, X-API-Key, ...), and what get_printable_url masks.
 #pragma once
 
 #include <curl/curl.h>

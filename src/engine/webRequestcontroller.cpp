@@ -13,6 +13,7 @@
 
 #include "engine/web_request_impl.h"
 #include "engine/yield_wait.h"
+#include "util/callback_barrier.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
 #include "webclient/exception.h"
@@ -122,18 +123,21 @@ WebRequestController::WebRequestController()
 
 int WebRequestController::onSocket(CURL*, curl_socket_t socket, int what, void* controller, void*) {
     auto* self = static_cast<WebRequestController*>(controller);
-    utilities::lock::lock_guard guard(&self->socket_mutex);
-    if (what == CURL_POLL_REMOVE) {
-        self->watched_sockets.erase(socket);
+    // -1 (a failed watch) makes libcurl fail the call instead of losing the socket.
+    return webclient::resultOrOnException("onSocket", -1, [&] {
+        utilities::lock::lock_guard guard(&self->socket_mutex);
+        if (what == CURL_POLL_REMOVE) {
+            self->watched_sockets.erase(socket);
+            return 0;
+        }
+        auto found = self->watched_sockets.find(socket);
+        if (found != self->watched_sockets.end()) {
+            found->second.wish = what;
+        } else {
+            self->watched_sockets.emplace(socket, WatchedSocket{what, ++self->socket_generations});
+        }
         return 0;
-    }
-    auto found = self->watched_sockets.find(socket);
-    if (found != self->watched_sockets.end()) {
-        found->second.wish = what;
-    } else {
-        self->watched_sockets.emplace(socket, WatchedSocket{what, ++self->socket_generations});
-    }
-    return 0;
+    });
 }
 
 bool WebRequestController::stillWatched(const ReadySocket& ready) {
@@ -205,6 +209,12 @@ void* WebRequestController::run(void* controller) {
         }
     } catch (const Exception& error) {
         WC_LOG_DEBUG("<webRequestcontroller   run >exception %s", error.what());
+    } catch (const std::exception& error) {
+        // Anything else (an allocation failure) would otherwise leave the
+        // thread's start routine and terminate the host.
+        WC_LOG_ERROR("<webRequestcontroller   run >exception %s", error.what());
+    } catch (...) {
+        WC_LOG_ERROR("<webRequestcontroller   run >unknown exception");
     }
     WC_LOG_INFO("webRequestcontroller loop exit");
     return nullptr;
@@ -215,9 +225,11 @@ void* WebRequestController::run(void* controller) {
 // of active transfers.
 static int driveTransfers(WebRequestController& controller) {
     int active = 0;
-    // Each socket call also runs libcurl's expired timers; a separate timer
-    // call is needed only when no socket was ready or the timer is due.
-    const bool socketsReady = !controller.ready_sockets.empty();
+    // Each socket call also runs libcurl's expired timers and reports the
+    // active count; a separate timer call is needed only when no socket call
+    // ran or the timer is due. Events that were all dropped report nothing:
+    // taking that as "none active" would leave quiet transfers undriven.
+    bool socketCallRan = false;
     for (const auto& ready : controller.ready_sockets) {
         MultiReadGuard guard(&controller.multi_lock);
         // Checked under the multi lock, so no caller can close the socket
@@ -226,10 +238,11 @@ static int driveTransfers(WebRequestController& controller) {
         // dropped; poll() reports a live socket's state again next round.
         if (!controller.stillWatched(ready)) continue;
         CURLMcode code = curl_multi_socket_action(controller.multi, ready.socket, ready.events, &active);
+        socketCallRan = true;
         if (code != CURLM_OK) handleError(code);
     }
     controller.ready_sockets.clear();
-    if (socketsReady && !controller.timerDue()) return active;
+    if (socketCallRan && !controller.timerDue()) return active;
     MultiReadGuard guard(&controller.multi_lock);
     CURLMcode code = curl_multi_socket_action(controller.multi, CURL_SOCKET_TIMEOUT, 0, &active);
     if (code != CURLM_OK) handleError(code);

@@ -10,6 +10,7 @@
 
 #include "engine/verbose_log.h"
 #include "engine/web_request_impl.h"
+#include "util/callback_barrier.h"
 #include "util/log.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/host.h"
@@ -100,24 +101,26 @@ void WebRequest::setupSecureRequest() {
 
 CURLcode WebRequest::sslctx_function(CURL* /*curl*/, void* sslctx, void* request) {
     auto* context = static_cast<SSL_CTX*>(sslctx);
-    if (onSwitch()) {
-        if (SSL_CTX_load_verify_locations(context, nullptr, kSwitchCaDirectory) == 1) {
-            WC_LOG_DEBUG("sslctx_function load %s success", kSwitchCaDirectory);
+    auto* owner = static_cast<WebRequest*>(request);
+    return webclient::resultOrOnException("sslctx_function", kAbortConnection, [&]() -> CURLcode {
+        if (onSwitch()) {
+            if (SSL_CTX_load_verify_locations(context, nullptr, kSwitchCaDirectory) == 1) {
+                WC_LOG_DEBUG("sslctx_function load %s success", kSwitchCaDirectory);
+            } else {
+                WC_LOG_ERROR("sslctx_function failed to load %s", kSwitchCaDirectory);
+            }
         } else {
-            WC_LOG_ERROR("sslctx_function failed to load %s", kSwitchCaDirectory);
+            const std::string rootCertificate = rootCertificatePath();
+            if (isFileExist(rootCertificate.c_str()) && !loadCaFile(context, rootCertificate)) {
+                return kAbortConnection;
+            }
+            if (owner != nullptr && !owner->ca_file.empty() && !loadCaFile(context, owner->ca_file)) {
+                return kAbortConnection;
+            }
         }
-    } else {
-        const std::string rootCertificate = rootCertificatePath();
-        if (isFileExist(rootCertificate.c_str()) && !loadCaFile(context, rootCertificate)) {
-            return kAbortConnection;
-        }
-        auto* owner = static_cast<WebRequest*>(request);
-        if (owner != nullptr && !owner->ca_file.empty() && !loadCaFile(context, owner->ca_file)) {
-            return kAbortConnection;
-        }
-    }
-    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, &WebRequest::verify_callback);
-    return CURLE_OK;
+        SSL_CTX_set_verify(context, SSL_VERIFY_PEER, &WebRequest::verify_callback);
+        return CURLE_OK;
+    });
 }
 
 int WebRequest::verify_callback(int preverify_ok, x509_store_ctx_st* ctx) {

@@ -14,6 +14,7 @@
 #include "truststore/truststore_internal.h"
 #include "truststore/truststore_paths.h"
 #include "truststore/unique_fd.h"
+#include "util/callback_barrier.h"
 #include "util/log.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/host.h"
@@ -178,11 +179,18 @@ size_t WriteMemoryCallback(void* contents, size_t size, size_t nmemb, void* buff
 void CaBundleManager::DownloadTask() {
     bool useDefault = false;
     if (!claimRefresh(*this, useDefault)) return;
-    WC_LOG_INFO("[DownloadTask] Begin to download CA File");
-    if (!downloadBundle(download_url) && !(useDefault && copyShippedBundle())) {
-        WC_LOG_ERROR(" failed to download CA ");
-        setStatus(*this, kStatusFailed);
-        return;
-    }
-    extractAndHandOver(*this);
+    // Nothing may be thrown to callers, and a refresh must not stay
+    // "running" for good: an exception (the host's CA handler, an
+    // allocation) fails the refresh instead.
+    const bool ended = webclient::resultOrOnException("DownloadTask", false, [&] {
+        WC_LOG_INFO("[DownloadTask] Begin to download CA File");
+        if (!downloadBundle(download_url) && !(useDefault && copyShippedBundle())) {
+            WC_LOG_ERROR(" failed to download CA ");
+            setStatus(*this, kStatusFailed);
+            return true;
+        }
+        extractAndHandOver(*this);
+        return true;
+    });
+    if (!ended) setStatus(*this, kStatusFailed);
 }

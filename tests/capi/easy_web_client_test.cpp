@@ -36,10 +36,22 @@ TEST(EasyWebClient, GetFollowsRedirectsAndSendsWhatItIsGiven) {
     EXPECT_EQ(easyWebClientGet(nullptr, nullptr, nullptr, nullptr, nullptr, &code), nullptr);
     EXPECT_EQ(code, 5);
 
+    const char* ownCookie[] = {"cookie: mine=2", nullptr};
+    take(easyWebClientGet(server.url("127.0.0.1", "/echo").c_str(), nullptr, nullptr, "c=1", ownCookie, &code));
+    const RecordedRequest sent = lastRequest(server);
+    EXPECT_EQ(sent.headers.count("cookie") + sent.headers.count("Cookie"), 1u) << "the caller's own Cookie line only";
+    EXPECT_EQ(headerOf(sent, "cookie"), "mine=2");
+
+    // An object used again sends each call's own lines, not the earlier ones.
     EasyWebClient client;
-    std::vector<std::string> none;
-    std::string response;
-    client.post(server.url("127.0.0.1", "/echo"), "u", "p", "posted", none, response, &code);
+    std::vector<std::string> first = {"X-First: 1"}, second = {"X-Second: 2"};
+    std::string response, responseHeaders;
+    client.get(server.url("127.0.0.1", "/echo"), "", "", "c=1", first, responseHeaders, response);
+    client.get(server.url("127.0.0.1", "/echo"), "", "", "", second, responseHeaders, response);
+    EXPECT_EQ(headerOf(lastRequest(server), "X-Second"), "2");
+    EXPECT_EQ(lastRequest(server).headers.count("X-First"), 0u);
+    EXPECT_EQ(lastRequest(server).headers.count("Cookie"), 0u);
+    client.post(server.url("127.0.0.1", "/echo"), "u", "p", "posted", second, response, &code);
     EXPECT_EQ(code, 200);
     EXPECT_EQ(lastRequest(server).body, "posted");
 }
@@ -70,6 +82,18 @@ TEST(EasyWebClient, UploadsWithAndWithoutAFile) {
     ASSERT_EQ(lastRequest(server).parts.size(), 1u);
     EXPECT_EQ(lastRequest(server).parts[0].name, "doc");
     EXPECT_EQ(lastRequest(server).parts[0].content, "easy upload");
+    {
+        // A second upload by the same object sends its own file only (and
+        // the first form is not leaked).
+        EasyWebClient client;
+        TempFile other("second upload");
+        std::vector<std::string> none;
+        std::string response;
+        client.uploadByPost(target, "", "", none, "doc", file.path(), response);
+        EXPECT_EQ(client.uploadByPost(target, "", "", none, "other", other.path(), response), 200);
+        ASSERT_EQ(lastRequest(server).parts.size(), 1u);
+        EXPECT_EQ(lastRequest(server).parts[0].content, "second upload");
+    }
     {
         StdinWithData stdinData("must not be sent");
         take(easyWebClientUploadByPost(target.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, &code));

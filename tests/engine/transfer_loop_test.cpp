@@ -7,6 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
 #include <vector>
 
 #include "engine/web_request_impl.h"
@@ -75,4 +79,28 @@ TEST(TransferLoop, SocketsAbove1023AreServed) {
         EXPECT_EQ(request.impl_->result, CURLE_OK);
     }
     EXPECT_EQ(body.text, pattern(200000));
+}
+
+// An owner that closes its transfer mid-stream can do so just after poll()
+// reported that transfer's socket ready. The loop must then still drive the
+// quiet transfers instead of taking the dropped event for "nothing active"
+// and sleeping until the next registration.
+TEST(TransferLoop, ClosingAStreamingTransferDoesNotStallAQuietOne) {
+    TestServer holding, streaming;
+    std::vector<std::string> none;
+    for (int round = 0; round < 10; ++round) {
+        WebRequest held(holding.url("127.0.0.1", "/stall?ms=300"), "GET", false);
+        Collected answer;
+        held.getAsync(none, answer.callback(), {});
+        auto received = std::make_shared<std::atomic<long>>(0);
+        auto flowing = std::make_unique<WebRequest>(
+            streaming.url("127.0.0.1", "/slow/100000000?chunk=16384&delay_ms=0"), "GET", false);
+        flowing->downloadAsync([received](std::shared_ptr<DataReceivedEventArgs> args) { *received += args->size; },
+                               {});
+        for (int i = 0; i < 2000 && *received < 1000000; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        flowing.reset();
+        ASSERT_EQ(held.wait(10000), 0) << "round " << round;
+        EXPECT_EQ(held.impl_->result, CURLE_OK);
+        EXPECT_EQ(answer.text, "stalled");
+    }
 }

@@ -18,11 +18,14 @@ TEST(IsDomainInUrl, NumericHostsAreNotDomains) {
     }
 }
 
-TEST(PrintableUrl, MasksOnlyPasswordAndClientSecretValues) {
+TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
+    EXPECT_EQ(get_printable_url("https://u:pw@h:1/p?password=2"), "https://u:***@h:1/p?password=***");
+    EXPECT_EQ(get_printable_url("http://u:p:q@h"), "http://u:***@h");
     EXPECT_EQ(get_printable_url("https://h/t?password=abc&x=1&client_secret=s&xpassword=2"),
               "https://h/t?password=***&x=1&client_secret=***&xpassword=2");
     EXPECT_EQ(get_printable_url("https://h/p?client_secret=s&b=2&password="), "https://h/p?client_secret=***&b=2&password=***");
-    for (const char* url : {"https://h/p?a=1&b=2", "https://h/password=x", "https://h/p?mypassword=1"}) {
+    for (const char* url : {"https://h/p?a=1&b=2", "https://h/password=x", "https://h/p?mypassword=1", "https://u@h:1/",
+                            "https://h:1/p?to=a:b@c", "not a url: x@y"}) {
         EXPECT_EQ(get_printable_url(url), url);
     }
 }

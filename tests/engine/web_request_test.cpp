@@ -76,7 +76,7 @@ TEST_P(Dispatch, UploadsSendTheStreamOrTheFormAndNeverStandardInput) {
     EXPECT_EQ(seen.parts[2].content_type, "application/octet-stream");
 }
 
-TEST_P(Dispatch, CancelOrExceptionFromDataCallbackEndsWithWriteError) {
+TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
     int chunks = 0;
     {
         WebRequest request(url("/bytes/1048576"), "GET", false);
@@ -93,6 +93,16 @@ TEST_P(Dispatch, CancelOrExceptionFromDataCallbackEndsWithWriteError) {
         ASSERT_EQ(request.wait(5000), 0);
         EXPECT_EQ(request.impl_->result, CURLE_WRITE_ERROR);
         EXPECT_EQ(log.count("[receiveData] exception no room"), 1u);
+    }
+    if (background()) {
+        // A throwing completion callback (only background transfers have
+        // one) still completes the request and leaves the thread running.
+        LogCapture log;
+        WebRequest request(url("/bytes/10"), "GET", false);
+        request.getAsync(none, ignore, [] { throw std::runtime_error("late"); });
+        ASSERT_EQ(request.wait(5000), 0);
+        EXPECT_EQ(request.impl_->result, CURLE_OK);
+        EXPECT_EQ(log.count("[setComplete] exception late"), 1u);
     }
     // Every log line is checked for secrets: the query's password must show masked.
     EXPECT_EQ(completeGet(url("/status/200?password=hunter2")), 200) << "the origin stays usable";

@@ -148,15 +148,18 @@ TEST_F(Tls, SecretsInVerboseOutputAreMasked) {
     TestServer server(pki.tls("server"), "127.0.0.2");
     LogCapture log;
     WebClient client;
-    std::vector<std::string> headers = {"Authorization: Bearer S3ntinel-token"};
+    std::vector<std::string> headers = {"Authorization: Bearer S3ntinel-token", "X-Auth-Token: S3ntinel-xt",
+                                        "X-API-Key: S3ntinel-k"};
     std::string responseHeaders, body, error;
     int code = 0;
-    client.get(server.url("127.0.0.2", "/echo?password=S3ntinel-q&client_secret=S3ntinel-c"), "admin",
-               "S3ntinel-pw", "sid=S3ntinel-ck", headers, responseHeaders, body, error, &code, true);
+    std::string url = server.url("127.0.0.2", "/echo?password=S3ntinel-q&client_secret=S3ntinel-c");
+    url.insert(url.find("127.0.0.2"), "admin:S3ntinel-u@");
+    client.get(url, "admin", "S3ntinel-pw", "sid=S3ntinel-ck", headers, responseHeaders, body, error, &code, true);
     ASSERT_EQ(code, 200);
     EXPECT_EQ(log.countContaining("S3ntinel"), 0u);
     // libcurl's verbose lines do reach the log, masked.
     EXPECT_GE(log.count("> Authorization: ***"), 1u);
+    EXPECT_GE(log.count("> X-API-Key: ***"), 1u);
     EXPECT_GE(log.countContaining("> GET /echo?password=***&client_secret=***"), 1u);
 }
 

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -173,6 +174,14 @@ TEST_F(TrustStore, DownloadedBundleIsVerifiedExtractedAndHandedOver) {
     EXPECT_EQ(sandbox.downloadsSeen(), 2);
     EXPECT_EQ(handed, kCaBundlePem + (": " + caPem));
     EXPECT_EQ(sandbox.status(), 2);
+
+    // A handler that throws fails the refresh like one that reports a
+    // failure; nothing reaches the caller, and the failure is retried.
+    registerCAhandler([](const char*) -> int { throw std::runtime_error("switch unreachable"); });
+    EXPECT_NO_THROW(refreshCaBundle());
+    EXPECT_EQ(sandbox.status(), 3);
+    refreshCaBundleOnFailure();
+    EXPECT_EQ(sandbox.downloadsSeen(), 4);
 }
 
 TEST_F(TrustStore, RejectedBundlesKeepThePreviousCaFile) {
