@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages this project needs; does nothing (quietly)
 # when they are all present. Safe to run again. Extra package names given
-# as arguments are installed too (the fuzz run adds its compiler).
+# as arguments are installed too.
 set -euo pipefail
 
 PACKAGES=(

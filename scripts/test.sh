@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite in three variants: optimised with
 # debug info, AddressSanitizer + UndefinedBehaviorSanitizer, and
-# ThreadSanitizer; then the fuzz targets for a bounded time (skipped with
-# WEBCLIENT_SKIP_FUZZ=1). Warnings are errors here. Exits non-zero on any failure.
+# ThreadSanitizer. Warnings are errors here. Exits non-zero on any failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -22,8 +21,3 @@ for variant in $VARIANTS; do
   (cd "$dir" && ctest --output-on-failure --timeout 900)
 done
 echo "=== all variants passed: ${VARIANTS}"
-
-# libFuzzer targets, about a minute each (FUZZ_SECONDS), under ASan+UBSan.
-if [ "${WEBCLIENT_SKIP_FUZZ:-0}" != 1 ]; then
-  bash scripts/fuzz.sh
-fi

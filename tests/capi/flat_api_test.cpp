@@ -91,8 +91,6 @@ TEST_P(FlatFunctions, UploadReturnsNullForEmptyBodyAndChecksArguments) {
                                          &code, false));
     EXPECT_EQ(code, 200);
     EXPECT_NE(answered.text, nullptr);
-    EXPECT_EQ(lastRequest(server).parts.at(0).content, "upload me");
-    EXPECT_EQ(headerOf(lastRequest(server), "Authorization"), "Basic dTpw");
     Owned empty(webClientUploadByPost(url("/empty").c_str(), "u", "p", nullptr, "f", file.path().c_str(),
                                       &code, false));
     EXPECT_EQ(empty.text, nullptr);
@@ -130,14 +128,4 @@ TEST_P(FlatFunctions, DownloadsWriteTheFileAndReportStatus) {
     EXPECT_EQ(log.count("[webClientDownloa] failed to open file /nonexistent-dir/f"), 1u);
     EXPECT_EQ(webClientDownload(nullptr, nullptr, nullptr, nullptr, out.path().c_str(), false), -1);
     EXPECT_EQ(log.count("[webClientDownload] invalid argument!"), 1u);
-}
-
-TEST(FlatFunctionFailures, UnreachableHostGivesEmptyBodyAndStatusZero) {
-    int code = -1;
-    Owned body(webClientGet_ex2("http://127.0.0.1:1/", nullptr, nullptr, nullptr, nullptr, &code, false));
-    EXPECT_EQ(code, 0);
-    EXPECT_STREQ(body.text, "");
-    std::string error;
-    EXPECT_EQ(webClientDownload_ex("http://127.0.0.1:1/", nullptr, nullptr, nullptr, "/dev/null", error, false), 0);
-    EXPECT_FALSE(error.empty());
 }

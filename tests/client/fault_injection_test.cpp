@@ -87,6 +87,17 @@ TEST_P(Faults, EachFaultIsReportedOnceAndTheOriginRecovers) {
     }
 }
 
+TEST(Faults, RefusedConnectionAndRedirectLoopEndWithAnError) {
+    LogCapture log;
+    EXPECT_FALSE(get("http://127.0.0.1:1/").error.empty());
+    TestServer server("127.0.0.1", [](httplib::Server& s) {
+        s.Get("/loop", [](const httplib::Request&, httplib::Response& res) { res.set_redirect("/loop"); });
+    });
+    for (const char* host : {"127.0.0.1", "localhost"}) EXPECT_FALSE(get(server.url(host, "/loop")).error.empty());
+    EXPECT_EQ(log.count("CheckStatus curl error : 7"), 1u);
+    EXPECT_EQ(log.count("CheckStatus curl error : 47"), 2u) << "libcurl 7.88 sets no limit of its own";
+}
+
 // libcurl before 8.1.0 kept a reused handle pointing at the previous
 // answer's freed headers, which an answer opening with a folded header line
 // then read and wrote. Under ASan this fails on such a libcurl unless each

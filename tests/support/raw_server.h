@@ -1,6 +1,6 @@
 // A loopback TCP server that answers every connection with a test-given
-// script (raw bytes, resets, early closes), for fault injection and
-// fuzzing. One connection at a time; port 0; stopped by the destructor.
+// script (raw bytes, resets, early closes), for fault injection. One
+// connection at a time; port 0; stopped by the destructor.
 #pragma once
 
 #include <atomic>
