@@ -31,19 +31,22 @@ inline bool hasHeaderLine(const std::vector<std::string>& lines, const std::stri
 // then fail rather than go out without, say, its Authorization line.
 inline bool buildHeaderList(const std::vector<std::string>& headers, const std::string& cookie,
                             curl_slist*& built) {
-    std::vector<std::string> lines = headers;
-    if (!cookie.empty() && !hasHeaderLine(headers, "Cookie")) lines.push_back("Cookie: " + cookie);
     built = nullptr;
-    for (const auto& line : lines) {
-        curl_slist* grown = curl_slist_append(built, line.c_str());
+    auto append = [&built](const char* line) {
+        curl_slist* grown = curl_slist_append(built, line);
         if (grown == nullptr) {
             curl_slist_free_all(built);
             built = nullptr;
             return false;
         }
         built = grown;
+        return true;
+    };
+    for (const auto& line : headers) {
+        if (!append(line.c_str())) return false;
     }
-    return true;
+    if (cookie.empty() || hasHeaderLine(headers, "Cookie")) return true;
+    return append(("Cookie: " + cookie).c_str());
 }
 
 }  // namespace webclient
