@@ -85,8 +85,13 @@ void WebRequest::setupSecureRequest() {
     const unsigned long earlierSslError = ERR_peek_last_error();
     CaBundleManager* trustStore = CaBundleProvider::GetInstance();
     const std::string certDir = trustStore->cert_dir;
-    ca_file = trustStore->GetCaFile();
-    impl_->holds_ca_file = true;  // released by the destructor
+    // One hold per request, however many verbs it runs: the destructor gives
+    // back one, and a second GetCaFile could wait for a refresh that waits
+    // for this thread's own first hold.
+    if (!impl_->holds_ca_file) {
+        ca_file = trustStore->GetCaFile();
+        impl_->holds_ca_file = true;  // released by the destructor
+    }
     if (certDir.empty()) handleError();
     const CURLcode code = applySecureOptions(*this, certDir);
     if (code == CURLE_OK) return;

@@ -115,8 +115,10 @@ void runFormUpload(WebRequest& request, const std::vector<std::string>& headers,
     setCredentials(request, user, password);
     CURL* handle = request.impl_->curl_handle;
     if (!filePath.empty()) {
+        curl_httppost* earlierForm = request.impl_->form_post;
         request.impl_->form_post = buildForm(formFields, fieldName, filePath);
         curl_easy_setopt(handle, CURLOPT_HTTPPOST, request.impl_->form_post);
+        if (earlierForm != nullptr) curl_formfree(earlierForm);  // the handle no longer points at it
     } else {
         curl_easy_setopt(handle, CURLOPT_POST, 1L);
         // Without a body libcurl would read one from its default source,

@@ -104,6 +104,15 @@ TEST_F(Tls, DataDirectoryRootIsTrustedAndLocalEndpointIsNotVerified) {
 TEST_F(Tls, SecureRequestHoldsTheCaFileUntilDestroyed) {
     TestServer server(pki.tls("server"), "127.0.0.2");
     sandbox.serveBundle(sandbox.makeBundle({pki.file("ca.pem")}));
+    {
+        WebRequest request(server.url("127.0.0.2", "/echo"), "GET", true);
+        request.getAsync(noHeaders, ignore, {});
+        request.wait(10000);
+        request.abort();
+        request.getAsync(noHeaders, ignore, {});
+        EXPECT_EQ(request.wait(10000), 0);
+    }
+    ASSERT_FALSE(sandbox.caFileHeld()) << "a second verb on one request left a hold behind";
     std::future<void> refresh;
     {
         WebRequest request(server.url("127.0.0.2", "/echo"), "GET", true);
