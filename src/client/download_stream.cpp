@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "client/exchange.h"
 #include "client/web_client_impl.h"
@@ -82,15 +83,22 @@ void WebClient::impl::downloadStreamCallback(std::shared_ptr<FILE> file, downloa
                                              std::shared_ptr<DataReceivedEventArgs> chunk) {
     const size_t written = fwrite(chunk->data, 1, static_cast<size_t>(chunk->size), file.get());
     if (param->progress_lock == nullptr) return;
-    utilities::lock::lock_guard guard(param->progress_lock);
-    // Without the lock the map would race with the host; the chunk is
-    // already on disk, so only this chunk's bookkeeping is skipped.
-    if (!guard.owns() || param->progress_map == nullptr) return;
-    try {
-        recordProgress(*param, *chunk, written);
-    } catch (const WebException& error) {
-        WC_LOG_DEBUG("downloadStreamCallback %s", error.what());
+    std::string failure;
+    bool failed = false;
+    {
+        utilities::lock::lock_guard guard(param->progress_lock);
+        // Without the lock the map would race with the host; the chunk is
+        // already on disk, so only this chunk's bookkeeping is skipped.
+        if (!guard.owns() || param->progress_map == nullptr) return;
+        try {
+            recordProgress(*param, *chunk, written);
+        } catch (const WebException& error) {
+            failed = true;
+            failure = error.what();
+        }
     }
+    // Logged after the host's lock is released: the host's logger may be slow.
+    if (failed) WC_LOG_DEBUG("downloadStreamCallback %s", failure.c_str());
 }
 
 namespace {
