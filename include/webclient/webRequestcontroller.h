@@ -117,11 +117,12 @@ public:
     // Unregisters `request` if registered. Takes list_mutex, then multi_lock.
     void closeRequest(WebRequest* request);
 
+    // Null until the first getInstance(); set once and never cleared.
+    static WebRequestManager* _instance;
     WebRequestController* controller;
 
 private:
     WebRequestManager();
-    static WebRequestManager* _instance;
 };
 
 // Throws WebException with curl_multi_strerror(code); never returns.

@@ -152,7 +152,7 @@ public:
     void downloadStream(download_param* param, std::shared_ptr<FILE> file,
                         std::string& responseHeaders, bool useSsl);
 
-    impl* impl_;
+    class impl* impl;  // owned
     int requestTimeoutMs;
     int uploadTimeoutMs;
     int downloadTimeoutMs;

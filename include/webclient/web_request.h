@@ -141,7 +141,7 @@ public:
     static CURLcode sslctx_function(CURL* curl, void* sslctx, void* request);
     static int verify_callback(int preverify_ok, x509_store_ctx_st* ctx);
 
-    impl* impl_;
+    struct impl* impl;  // owned
     std::vector<std::string> headers;
     std::string cookie;
     std::string url;

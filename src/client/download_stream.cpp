@@ -105,7 +105,7 @@ namespace {
 
 DataReceivedCallback bindStreamCallback(WebClient& client, std::shared_ptr<FILE> const& file,
                                         download_param* param) {
-    return std::bind(&WebClient::impl::downloadStreamCallback, client.impl_, file, param, _1);
+    return std::bind(&WebClient::impl::downloadStreamCallback, client.impl, file, param, _1);
 }
 
 }  // namespace
@@ -132,7 +132,7 @@ std::string WebClient::downloadStream(download_param* param, std::shared_ptr<FIL
             }
             if (responseCode != nullptr) *responseCode = static_cast<int>(request.getResponseCode());
             status = CheckStatus(request);
-            if (status != 0) error = request.impl_->error_buffer;
+            if (status != 0) error = request.impl->error_buffer;
         }
         if (!refreshAfterTrustFailure(status, useSsl, attemptsLeft)) return error;
     }

@@ -27,15 +27,15 @@ void WebClient::impl::downloadStringCallback(std::string* output,
 }
 
 WebClient::WebClient()
-    : impl_(new impl()),
+    : impl(new class impl()),
       requestTimeoutMs(kRequestTimeoutMs),
       uploadTimeoutMs(kTransferTimeoutMs),
       downloadTimeoutMs(kTransferTimeoutMs) {}
 
-WebClient::~WebClient() { delete impl_; }
+WebClient::~WebClient() { delete impl; }
 
 int WebClient::CheckStatus(WebRequest const& request) {
-    const int code = static_cast<int>(request.impl_->result);
+    const int code = static_cast<int>(request.impl->result);
     switch (code) {
     case CURLE_OK:
         return 0;
@@ -60,10 +60,10 @@ void runExchange(WebClient& client, std::string const& url, bool useSsl, Exchang
         {
             WebRequest request(url, exchange.method, useSsl);
             DataReceivedCallback onData =
-                std::bind(&WebClient::impl::downloadStringCallback, client.impl_, exchange.response, _1);
+                std::bind(&WebClient::impl::downloadStringCallback, client.impl, exchange.response, _1);
             DataReceivedCallback onHeader;
             if (exchange.responseHeaders != nullptr) {
-                onHeader = std::bind(&WebClient::impl::downloadStringCallback, client.impl_,
+                onHeader = std::bind(&WebClient::impl::downloadStringCallback, client.impl,
                                      exchange.responseHeaders, _1);
             }
             exchange.start(request, onData, onHeader);
@@ -79,7 +79,7 @@ int finishAttempt(WebClient& client, WebRequest& request, const char* logName, i
     waitOrDetach(request, logName, waitMs);
     if (responseCode != nullptr) *responseCode = static_cast<int>(request.getResponseCode());
     const int status = client.CheckStatus(request);
-    if (status != 0 && error != nullptr) *error = request.impl_->error_buffer;
+    if (status != 0 && error != nullptr) *error = request.impl->error_buffer;
     return status;
 }
 

@@ -346,9 +346,9 @@ void WebRequestController::queryMessages() {
         if (message->msg != CURLMSG_DONE) continue;
         WebRequest* request = findRequest(message->easy_handle, false);
         if (request == nullptr) continue;
-        request->impl_->result = message->data.result;
-        if (strnlen_s_helper(request->impl_->error_buffer, CURL_ERROR_SIZE) != 0) {
-            WC_LOG_ERROR("<queryMessages> error %s.", request->impl_->error_buffer);
+        request->impl->result = message->data.result;
+        if (strnlen_s_helper(request->impl->error_buffer, CURL_ERROR_SIZE) != 0) {
+            WC_LOG_ERROR("<queryMessages> error %s.", request->impl->error_buffer);
         }
         request->setComplete();
     }
@@ -361,7 +361,7 @@ WebRequest* WebRequestController::findRequest(void* handle, bool remove) {
         return nullptr;
     }
     for (auto it = requests.begin(); it != requests.end(); ++it) {
-        if ((*it)->impl_->curl_handle != handle) continue;
+        if ((*it)->impl->curl_handle != handle) continue;
         WebRequest* found = *it;
         if (remove) requests.erase(it);
         return found;
@@ -372,7 +372,7 @@ WebRequest* WebRequestController::findRequest(void* handle, bool remove) {
 void WebRequestController::addRequest(WebRequest* request) {
     {
         MultiWriteGuard multiGuard(&multi_lock);
-        CURLMcode code = curl_multi_add_handle(multi, request->impl_->curl_handle);
+        CURLMcode code = curl_multi_add_handle(multi, request->impl->curl_handle);
         if (code != CURLM_OK) {
             WC_LOG_ERROR("curl_multi_add_handle error %d", static_cast<int>(code));
             handleError(code);
@@ -490,7 +490,7 @@ void WebRequestManager::stopBackEnd() { controller->shutdown(); }
 void WebRequestManager::beginRequest(WebRequest* request) { controller->addRequest(request); }
 
 void WebRequestManager::closeRequest(WebRequest* request) {
-    CURL* handle = request->impl_->curl_handle;
+    CURL* handle = request->impl->curl_handle;
     if (controller->findRequest(handle, true) == nullptr) return;
     MultiWriteGuard guard(&controller->multi_lock);
     // After a stop the multi handle is gone and its cleanup let go of ours.

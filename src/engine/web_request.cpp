@@ -107,7 +107,7 @@ std::string maskQuery(const std::string& url) {
 std::string get_printable_url(std::string const& url) { return maskQuery(maskUserinfoPassword(url)); }
 
 WebRequest::WebRequest(std::string const& url, std::string const& method, bool useSsl)
-    : impl_(new impl()),
+    : impl(new struct impl()),
       url(url),
       method(method),
       content_length(-1.0),
@@ -116,16 +116,16 @@ WebRequest::WebRequest(std::string const& url, std::string const& method, bool u
       mutex(PTHREAD_MUTEX_INITIALIZER),
       cond(PTHREAD_COND_INITIALIZER),
       use_ssl(useSsl) {
-    impl_->web_handle = WebHandleManager::getInstance()->GetWebHandle(url, method);
-    if (impl_->web_handle) {
-        impl_->web_handle->Lock();
-        renewPooledHandle(*impl_->web_handle);
-        impl_->curl_handle = impl_->web_handle->curl_handle;
+    impl->web_handle = WebHandleManager::getInstance()->GetWebHandle(url, method);
+    if (impl->web_handle) {
+        impl->web_handle->Lock();
+        renewPooledHandle(*impl->web_handle);
+        impl->curl_handle = impl->web_handle->curl_handle;
     }
-    if (impl_->curl_handle != nullptr) {
-        memset_s_helper(impl_->error_buffer, sizeof impl_->error_buffer, 0,
-                        sizeof impl_->error_buffer);
-        curl_easy_setopt(impl_->curl_handle, CURLOPT_ERRORBUFFER, impl_->error_buffer);
+    if (impl->curl_handle != nullptr) {
+        memset_s_helper(impl->error_buffer, sizeof impl->error_buffer, 0,
+                        sizeof impl->error_buffer);
+        curl_easy_setopt(impl->curl_handle, CURLOPT_ERRORBUFFER, impl->error_buffer);
     } else {
         WC_LOG_ERROR("WebRequest handle is NULL");
     }
@@ -142,11 +142,11 @@ WebRequest::~WebRequest() {
         // Already logged by the backend ("curl_multi_remove_handle error");
         // a destructor must not throw, and the handle is released below.
     }
-    if (impl_->web_handle) impl_->web_handle->Unlock();
-    if (impl_->form_post != nullptr) curl_formfree(impl_->form_post);
+    if (impl->web_handle) impl->web_handle->Unlock();
+    if (impl->form_post != nullptr) curl_formfree(impl->form_post);
     if (header_list != nullptr) curl_slist_free_all(header_list);
-    if (impl_->holds_ca_file) CaBundleProvider::GetInstance()->PutCaFile();
-    delete impl_;
+    if (impl->holds_ca_file) CaBundleProvider::GetInstance()->PutCaFile();
+    delete impl;
     pthread_cond_destroy(&cond);
     pthread_mutex_destroy(&mutex);
 }
@@ -157,7 +157,7 @@ namespace {
 // `deliverHeaders` the response header lines go to `on_header` and the
 // cookie, if any, is sent.
 void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
-    CURL* handle = request.impl_->curl_handle;
+    CURL* handle = request.impl->curl_handle;
     setCheckedOption(request, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
     setCheckedOption(request, CURLOPT_URL, request.url.c_str());
     setCheckedOption(request, CURLOPT_FOLLOWLOCATION, 1L);
@@ -216,7 +216,7 @@ size_t WebRequest::receiveHeader(char* data, size_t size, size_t count, void* re
 int WebRequest::receiveDataInternal(const char* data, int count) {
     if (content_length < 0.0) {
         double length = -1.0;
-        if (curl_easy_getinfo(impl_->curl_handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD, &length) != CURLE_OK) {
+        if (curl_easy_getinfo(impl->curl_handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD, &length) != CURLE_OK) {
             handleError();
         }
         // A length a 32-bit integer cannot hold stays unknown rather than wrap.
@@ -228,7 +228,7 @@ int WebRequest::receiveDataInternal(const char* data, int count) {
     args->data = data;
     args->size = count;
     args->content_length = content_length;
-    if (impl_->on_data) impl_->on_data(args);
+    if (impl->on_data) impl->on_data(args);
     if (args->cancel) {
         WC_LOG_DEBUG(" receiveDataInternal cancel ");
         return 0;
@@ -241,7 +241,7 @@ int WebRequest::receiveHeaderInternal(const char* data, int count) {
     args->data = data;
     args->size = count;
     args->content_length = content_length;
-    if (impl_->on_header) impl_->on_header(args);
+    if (impl->on_header) impl->on_header(args);
     if (args->cancel) {
         WC_LOG_DEBUG(" receiveDataInternal cancel ");
         return 0;
@@ -253,9 +253,9 @@ void WebRequest::setComplete() {
     WC_LOG_DEBUG("%p setComplete %s", static_cast<void*>(this), getPrintableUrl().c_str());
     // A throwing completion callback must not keep the owner waiting for
     // its deadline, nor end the transfer thread.
-    if (impl_->on_complete) {
+    if (impl->on_complete) {
         (void)webclient::resultOrOnException("setComplete", false, [this] {
-            impl_->on_complete();
+            impl->on_complete();
             return true;
         });
     }
@@ -272,7 +272,7 @@ void WebRequest::setComplete() {
 
 int WebRequest::wait(int timeoutMs) {
     if (kpu_utilities::string_con::IsDomainInUrl(url)) return 0;
-    if (impl_->curl_handle == nullptr) return 0;
+    if (impl->curl_handle == nullptr) return 0;
     struct timeval now;
     gettimeofday(&now, nullptr);
     // Whole seconds only: the millisecond remainder of the limit is dropped.
@@ -309,26 +309,26 @@ void WebRequest::abort() { WebRequestManager::getInstance()->closeRequest(this);
 
 long WebRequest::getResponseCode() {
     long code = 0;
-    if (impl_->curl_handle == nullptr) return 0;
-    if (curl_easy_getinfo(impl_->curl_handle, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) handleError();
+    if (impl->curl_handle == nullptr) return 0;
+    if (curl_easy_getinfo(impl->curl_handle, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) handleError();
     return code;
 }
 
-void WebRequest::handleError() { throw WebException(impl_->error_buffer, nullptr); }
+void WebRequest::handleError() { throw WebException(impl->error_buffer, nullptr); }
 
 void WebRequest::EasyWebRequestPerform(void* handle) {
     static const char kTag[] = "EasyWebRequestPerform";
     const std::string printable = getPrintableUrl();
     WC_LOG_DEBUG("[%s] Begin to execute easy web client for url: %s", kTag, printable.c_str());
     // The share keeps the origin's connection open across easy handles.
-    if (impl_->web_handle && impl_->web_handle->share != nullptr) {
-        curl_easy_setopt(static_cast<CURL*>(handle), CURLOPT_SHARE, impl_->web_handle->share);
+    if (impl->web_handle && impl->web_handle->share != nullptr) {
+        curl_easy_setopt(static_cast<CURL*>(handle), CURLOPT_SHARE, impl->web_handle->share);
     }
-    impl_->result = curl_easy_perform(static_cast<CURL*>(handle));
-    if (impl_->result == CURLE_OK) return;
+    impl->result = curl_easy_perform(static_cast<CURL*>(handle));
+    if (impl->result == CURLE_OK) return;
     WC_LOG_ERROR("[%s] Failed to execute easy web request %s, error code: %d", kTag,
-                 printable.c_str(), static_cast<int>(impl_->result));
-    if (impl_->result == CURLE_PEER_FAILED_VERIFICATION) {
+                 printable.c_str(), static_cast<int>(impl->result));
+    if (impl->result == CURLE_PEER_FAILED_VERIFICATION) {
         long verifyResult = 0;
         if (curl_easy_getinfo(static_cast<CURL*>(handle), CURLINFO_SSL_VERIFYRESULT, &verifyResult) ==
             CURLE_OK) {

@@ -26,7 +26,7 @@ struct WebRequest::impl {
 // Sets an option whose failure must abort the set-up (throws WebException).
 template <typename Value>
 void setCheckedOption(WebRequest& request, CURLoption option, Value value) {
-    if (curl_easy_setopt(request.impl_->curl_handle, option, value) != CURLE_OK) {
+    if (curl_easy_setopt(request.impl->curl_handle, option, value) != CURLE_OK) {
         request.handleError();
     }
 }

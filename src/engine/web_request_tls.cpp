@@ -57,7 +57,7 @@ bool listsServerAuth(const EXTENDED_KEY_USAGE* eku) {
 
 // Options rows in order; stops at the first failure and returns its code.
 CURLcode applySecureOptions(WebRequest& request, const std::string& certDir) {
-    CURL* handle = request.impl_->curl_handle;
+    CURL* handle = request.impl->curl_handle;
     CURLcode code = CURLE_OK;
     if ((code = curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L)) != CURLE_OK) return code;
     // Verbose lines carry request headers, credentials among them: they go
@@ -88,9 +88,9 @@ void WebRequest::setupSecureRequest() {
     // One hold per request, however many verbs it runs: the destructor gives
     // back one, and a second GetCaFile could wait for a refresh that waits
     // for this thread's own first hold.
-    if (!impl_->holds_ca_file) {
+    if (!impl->holds_ca_file) {
         ca_file = trustStore->GetCaFile();
-        impl_->holds_ca_file = true;  // released by the destructor
+        impl->holds_ca_file = true;  // released by the destructor
     }
     if (certDir.empty()) handleError();
     const CURLcode code = applySecureOptions(*this, certDir);

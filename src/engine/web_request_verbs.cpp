@@ -15,11 +15,11 @@ namespace {
 bool prepare(WebRequest& request, const std::vector<std::string>* headers,
              const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
              const CompletionCallback& onDone) {
-    if (request.impl_->curl_handle == nullptr) return false;
+    if (request.impl->curl_handle == nullptr) return false;
     if (headers != nullptr) request.headers = *headers;
-    request.impl_->on_data = onData;
-    if (onHeader != nullptr) request.impl_->on_header = *onHeader;
-    request.impl_->on_complete = onDone;
+    request.impl->on_data = onData;
+    if (onHeader != nullptr) request.impl->on_header = *onHeader;
+    request.impl->on_complete = onDone;
     if (onHeader != nullptr) {
         request.setupRequest_ex();
     } else {
@@ -32,17 +32,17 @@ bool prepare(WebRequest& request, const std::vector<std::string>* headers,
 void setCredentials(WebRequest& request, const std::string& user, const std::string& password) {
     if (user.empty() || password.empty()) return;
     const std::string userPassword = user + ":" + password;  // libcurl keeps its own copy
-    curl_easy_setopt(request.impl_->curl_handle, CURLOPT_USERPWD, userPassword.c_str());
+    curl_easy_setopt(request.impl->curl_handle, CURLOPT_USERPWD, userPassword.c_str());
 }
 
 void setCustomMethod(WebRequest& request, const char* method) {
-    curl_easy_setopt(request.impl_->curl_handle, CURLOPT_CUSTOMREQUEST, method);
+    curl_easy_setopt(request.impl->curl_handle, CURLOPT_CUSTOMREQUEST, method);
 }
 
 // The body is not copied: libcurl reads it up to its first NUL during the
 // transfer, so the caller keeps it alive until the transfer has ended.
 void setBody(WebRequest& request, const std::string& body) {
-    curl_easy_setopt(request.impl_->curl_handle, CURLOPT_POSTFIELDS, body.c_str());
+    curl_easy_setopt(request.impl->curl_handle, CURLOPT_POSTFIELDS, body.c_str());
 }
 
 void setCheckedPost(WebRequest& request, const std::string& body) {
@@ -52,7 +52,7 @@ void setCheckedPost(WebRequest& request, const std::string& body) {
 // Domain-name URLs run here and now; numeric addresses go to the backend.
 void dispatch(WebRequest& request) {
     if (kpu_utilities::string_con::IsDomainInUrl(request.url)) {
-        request.EasyWebRequestPerform(request.impl_->curl_handle);
+        request.EasyWebRequestPerform(request.impl->curl_handle);
     } else {
         WebRequestManager::getInstance()->beginRequest(&request);
     }
@@ -113,11 +113,11 @@ void runFormUpload(WebRequest& request, const std::vector<std::string>& headers,
                    const CompletionCallback& onDone) {
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCredentials(request, user, password);
-    CURL* handle = request.impl_->curl_handle;
+    CURL* handle = request.impl->curl_handle;
     if (!filePath.empty()) {
-        curl_httppost* earlierForm = request.impl_->form_post;
-        request.impl_->form_post = buildForm(formFields, fieldName, filePath);
-        curl_easy_setopt(handle, CURLOPT_HTTPPOST, request.impl_->form_post);
+        curl_httppost* earlierForm = request.impl->form_post;
+        request.impl->form_post = buildForm(formFields, fieldName, filePath);
+        curl_easy_setopt(handle, CURLOPT_HTTPPOST, request.impl->form_post);
         if (earlierForm != nullptr) curl_formfree(earlierForm);  // the handle no longer points at it
     } else {
         curl_easy_setopt(handle, CURLOPT_POST, 1L);
@@ -153,7 +153,7 @@ void WebRequest::getAsync(std::string const& user, std::string const& password,
                           std::string const& cookie, std::vector<std::string>& headers,
                           DataReceivedCallback const& onData, DataReceivedCallback const& onHeader,
                           CompletionCallback const& onDone) {
-    if (impl_->curl_handle == nullptr) return;
+    if (impl->curl_handle == nullptr) return;
     this->cookie = cookie;  // stored first so that the set-up sends it
     runGet(*this, &headers, user, password, onData, &onHeader, onDone);
 }
@@ -171,21 +171,21 @@ void preferLargeReads(CURL* handle) {
 }  // namespace
 
 void WebRequest::downloadAsync(DataReceivedCallback const& onData, CompletionCallback const& onDone) {
-    preferLargeReads(impl_->curl_handle);
+    preferLargeReads(impl->curl_handle);
     runGet(*this, nullptr, kNoUser, kNoUser, onData, nullptr, onDone);
 }
 
 void WebRequest::downloadAsync(std::string const& user, std::string const& password,
                                std::vector<std::string>& headers, DataReceivedCallback const& onData,
                                CompletionCallback const& onDone) {
-    preferLargeReads(impl_->curl_handle);
+    preferLargeReads(impl->curl_handle);
     runGet(*this, &headers, user, password, onData, nullptr, onDone);
 }
 
 void WebRequest::downloadAsync(std::string const& user, std::string const& password,
                                std::vector<std::string>& headers, DataReceivedCallback const& onData,
                                DataReceivedCallback const& onHeader, CompletionCallback const& onDone) {
-    preferLargeReads(impl_->curl_handle);
+    preferLargeReads(impl->curl_handle);
     runGet(*this, &headers, user, password, onData, &onHeader, onDone);
 }
 
@@ -261,9 +261,9 @@ void WebRequest::uploadAsync(std::string const& user, std::string const& passwor
             WC_LOG_DEBUG("uploadAsync failed to get information of upload file");
             return;
         }
-        curl_easy_setopt(impl_->curl_handle, CURLOPT_UPLOAD, 1L);
-        curl_easy_setopt(impl_->curl_handle, CURLOPT_READDATA, stream);
-        curl_easy_setopt(impl_->curl_handle, CURLOPT_INFILESIZE_LARGE,
+        curl_easy_setopt(impl->curl_handle, CURLOPT_UPLOAD, 1L);
+        curl_easy_setopt(impl->curl_handle, CURLOPT_READDATA, stream);
+        curl_easy_setopt(impl->curl_handle, CURLOPT_INFILESIZE_LARGE,
                          static_cast<curl_off_t>(info.st_size));
     }
     dispatch(*this);

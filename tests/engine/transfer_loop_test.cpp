@@ -76,7 +76,7 @@ TEST(TransferLoop, SocketsAbove1023AreServed) {
         WebRequest request(server.url("127.0.0.1", "/slow/200000?chunk=20000&delay_ms=20"), "GET", false);
         request.downloadAsync(body.callback(), {});
         ASSERT_EQ(request.wait(10000), 0);
-        EXPECT_EQ(request.impl_->result, CURLE_OK);
+        EXPECT_EQ(request.impl->result, CURLE_OK);
     }
     EXPECT_EQ(body.text, pattern(200000));
 }
@@ -100,7 +100,7 @@ TEST(TransferLoop, ClosingAStreamingTransferDoesNotStallAQuietOne) {
         for (int i = 0; i < 2000 && *received < 1000000; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         flowing.reset();
         ASSERT_EQ(held.wait(10000), 0) << "round " << round;
-        EXPECT_EQ(held.impl_->result, CURLE_OK);
+        EXPECT_EQ(held.impl->result, CURLE_OK);
         EXPECT_EQ(answer.text, "stalled");
     }
 }

@@ -38,7 +38,7 @@ TEST_P(Dispatch, CallbacksRunOnTheExpectedThreadWithTheLengthWhenKnown) {
             WebRequest request(url(path), "GET", false);
             request.downloadAsync("", "", none, body.callback(), headers.callback(), [&] { completed = true; });
             ASSERT_EQ(request.wait(5000), 0) << path;
-            EXPECT_EQ(request.impl_->result, CURLE_OK) << path;
+            EXPECT_EQ(request.impl->result, CURLE_OK) << path;
             EXPECT_EQ(request.getResponseCode(), 200) << path;
             EXPECT_EQ(completed, background()) << "completion is signalled only on the transfer thread";
         }
@@ -82,7 +82,7 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
         WebRequest request(url("/bytes/1048576"), "GET", false);
         request.downloadAsync([&](std::shared_ptr<DataReceivedEventArgs> args) { args->cancel = (++chunks == 1); }, {});
         ASSERT_EQ(request.wait(5000), 0);
-        EXPECT_EQ(request.impl_->result, CURLE_WRITE_ERROR);
+        EXPECT_EQ(request.impl->result, CURLE_WRITE_ERROR);
     }
     EXPECT_EQ(chunks, 1);
     {
@@ -91,7 +91,7 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
         WebRequest request(url("/bytes/1048576"), "GET", false);
         request.downloadAsync([](std::shared_ptr<DataReceivedEventArgs>) { throw std::runtime_error("no room"); }, {});
         ASSERT_EQ(request.wait(5000), 0);
-        EXPECT_EQ(request.impl_->result, CURLE_WRITE_ERROR);
+        EXPECT_EQ(request.impl->result, CURLE_WRITE_ERROR);
         EXPECT_EQ(log.count("[receiveData] exception no room"), 1u);
     }
     if (background()) {
@@ -101,7 +101,7 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
         WebRequest request(url("/bytes/10"), "GET", false);
         request.getAsync(none, ignore, [] { throw std::runtime_error("late"); });
         ASSERT_EQ(request.wait(5000), 0);
-        EXPECT_EQ(request.impl_->result, CURLE_OK);
+        EXPECT_EQ(request.impl->result, CURLE_OK);
         EXPECT_EQ(log.count("[setComplete] exception late"), 1u);
     }
     // Every log line is checked for secrets: the query's password must show masked.
@@ -112,7 +112,7 @@ TEST(WebRequestWait, NothingToWaitForOnTheDirectPathOrWithoutAHandle) {
     LogCapture log;
     WebRequest direct("http://localhost:1/unreachable?client_secret=xyzzy", "GET", false);
     direct.downloadAsync(ignore, {});
-    EXPECT_NE(direct.impl_->result, CURLE_OK);
+    EXPECT_NE(direct.impl->result, CURLE_OK);
     EXPECT_EQ(direct.wait(60000), 0);
 
     bool called = false;
@@ -120,7 +120,7 @@ TEST(WebRequestWait, NothingToWaitForOnTheDirectPathOrWithoutAHandle) {
     EXPECT_EQ(log.count("WebRequest handle is NULL"), 1u);
     inert.downloadAsync([&](std::shared_ptr<DataReceivedEventArgs>) { called = true; }, {});
     EXPECT_EQ(inert.wait(60000), 0);
-    EXPECT_EQ(inert.impl_->result, CURLE_OK);
+    EXPECT_EQ(inert.impl->result, CURLE_OK);
     EXPECT_FALSE(called);
 }
 

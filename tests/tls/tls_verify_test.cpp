@@ -34,8 +34,8 @@ struct Tls : ::testing::Test {
         WebRequest request(server.url(host, "/echo"), "GET", true);
         request.getAsync(noHeaders, ignore, {});
         request.wait(10000);
-        if (error) *error = request.impl_->error_buffer;
-        return request.impl_->result;
+        if (error) *error = request.impl->error_buffer;
+        return request.impl->result;
     }
 };
 
@@ -98,7 +98,7 @@ TEST_F(Tls, DataDirectoryRootIsTrustedAndLocalEndpointIsNotVerified) {
     WebRequest request("https://127.0.0.1:pw@127.0.0.2:" + std::to_string(peer.port()) + "/echo", "GET", true);
     request.getAsync(noHeaders, ignore, {});
     request.wait(10000);
-    EXPECT_EQ(request.impl_->result, CURLE_PEER_FAILED_VERIFICATION);
+    EXPECT_EQ(request.impl->result, CURLE_PEER_FAILED_VERIFICATION);
 }
 
 TEST_F(Tls, SecureRequestHoldsTheCaFileUntilDestroyed) {
