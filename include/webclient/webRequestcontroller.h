@@ -7,9 +7,11 @@
 // number) on those sockets and on a wake-up eventfd. The thread sleeps on
 // wake_cond whenever no transfer is active and nothing was registered since
 // its last pump, also while completed requests wait for their owners.
-// Registering a request counts in `registrations` and wakes the thread only
-// where it sleeps: the condition when `sleeping`, the eventfd when
-// `polling`. Stopping the backend wakes both.
+// Registering a request, or removing one in a way that brings libcurl's
+// timer forward (a freed connection lets a held-back transfer start),
+// counts in `work_notices` and wakes the thread only where it sleeps: the
+// condition when `sleeping`, the eventfd when `polling`. Stopping the
+// backend wakes both.
 //
 // Lock order (outermost first): multi_lock, then list_mutex; wake_mutex,
 // then list_mutex. list_mutex is always innermost. The transfer thread holds
@@ -53,6 +55,12 @@ public:
     void shutdown();
     // Ends the transfer thread's socket wait at once (any thread).
     void wake();
+    // Any thread, no lock of the backend held: counts a notice and wakes the
+    // transfer thread where it sleeps or polls.
+    void notifyTransferThread();
+    // Returns whether libcurl brought its timer forward since the last call,
+    // and clears the mark. Takes socket_mutex.
+    bool takeTimerBroughtForward();
 
     // libcurl's socket and timer callbacks (called inside multi calls, on
     // whichever thread makes them). Take socket_mutex, always innermost.
@@ -70,11 +78,11 @@ public:
 
     // Event-loop state (not part of the request bookkeeping above).
     int wake_fd;                          // eventfd; -1 when it could not be made
-    std::atomic<uint64_t> registrations;  // requests ever registered
+    std::atomic<uint64_t> work_notices;   // registrations and other news for the thread
     std::atomic<bool> sleeping;           // set under wake_mutex while the thread is on wake_cond
     std::atomic<bool> polling;            // the thread is in (or entering) a blocking poll()
     bool pump_idle;                       // transfer thread only: last pump ended idle
-    uint64_t pass_registrations;          // transfer thread only: `registrations` when this pass began
+    uint64_t pass_notices;          // transfer thread only: `work_notices` when this pass began
     bool last_wait_short;                 // transfer thread only: sockets were ready soon last time
     bool last_idle_short;                 // transfer thread only: new work came soon last time
     // A socket libcurl asked us to watch. The generation tells a descriptor
@@ -88,10 +96,11 @@ public:
         int events;  // CURL_CSELECT_*
         uint64_t generation;
     };
-    pthread_mutex_t socket_mutex;         // guards the next three
+    pthread_mutex_t socket_mutex;         // guards the next four
     std::map<curl_socket_t, WatchedSocket> watched_sockets;
     uint64_t socket_generations;
     long long timer_due_ms;               // monotonic ms when libcurl's timer is due; -1: none
+    bool timer_brought_forward;           // libcurl asked for an earlier time than before
     // Transfer thread: what the last poll() found ready.
     std::vector<ReadySocket> ready_sockets;
     // Whether `ready` still names the socket it was polled as.

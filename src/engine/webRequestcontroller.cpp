@@ -109,8 +109,9 @@ int curlEventsOf(short revents) {
 
 WebRequestController::WebRequestController()
     : multi(nullptr), thread(0), running(false), wake_fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-      registrations(0), sleeping(false), polling(false), pump_idle(true), pass_registrations(0),
-      last_wait_short(true), last_idle_short(true), socket_generations(0), timer_due_ms(-1) {
+      work_notices(0), sleeping(false), polling(false), pump_idle(true), pass_notices(0),
+      last_wait_short(true), last_idle_short(true), socket_generations(0), timer_due_ms(-1),
+      timer_brought_forward(false) {
     // Default attributes: callers' add and remove do not starve, because the
     // transfer thread holds the read side only around single calls and
     // waits for sockets without it.
@@ -154,8 +155,17 @@ bool WebRequestController::timerDue() {
 int WebRequestController::onTimer(CURLM*, long timeoutMs, void* controller) {
     auto* self = static_cast<WebRequestController*>(controller);
     utilities::lock::lock_guard guard(&self->socket_mutex);
-    self->timer_due_ms = timeoutMs < 0 ? -1 : monotonicMs() + timeoutMs;
+    const long long due = timeoutMs < 0 ? -1 : monotonicMs() + timeoutMs;
+    if (due >= 0 && (self->timer_due_ms < 0 || due < self->timer_due_ms)) self->timer_brought_forward = true;
+    self->timer_due_ms = due;
     return 0;
+}
+
+bool WebRequestController::takeTimerBroughtForward() {
+    utilities::lock::lock_guard guard(&socket_mutex);
+    const bool forward = timer_brought_forward;
+    timer_brought_forward = false;
+    return forward;
 }
 
 void WebRequestController::wake() {
@@ -178,7 +188,7 @@ static void sleepUntilWork(WebRequestController& controller, uint64_t seen) {
         utilities::lock::lock_guard listGuard(&controller.list_mutex);
         registered = controller.requests.size();
     }
-    const bool nothingNew = controller.registrations.load() == seen;
+    const bool nothingNew = controller.work_notices.load() == seen;
     if ((registered == 0 || (controller.pump_idle && nothingNew)) && controller.running) {
         pthread_cond_wait(&controller.wake_cond, &controller.wake_mutex);
     }
@@ -191,12 +201,12 @@ static void sleepUntilWork(WebRequestController& controller, uint64_t seen) {
 // A quiet spell ends the yielding until a sleep is short again.
 static void waitForWork(WebRequestController& controller, uint64_t& seen) {
     const long long start = webclient::monotonicMicros();
-    auto workOrStop = [&] { return controller.registrations.load() != seen || !controller.running; };
+    auto workOrStop = [&] { return controller.work_notices.load() != seen || !controller.running; };
     const bool arrived =
         controller.last_idle_short ? webclient::yieldUntil(workOrStop, kReadySpinMicroseconds) : workOrStop();
     if (!arrived) sleepUntilWork(controller, seen);
     controller.last_idle_short = webclient::monotonicMicros() - start < kReadySpinMicroseconds;
-    seen = controller.registrations.load();
+    seen = controller.work_notices.load();
 }
 
 void* WebRequestController::run(void* controller) {
@@ -257,7 +267,7 @@ void WebRequestController::processPendingRequests() {
     try {
         for (;;) {
             // Whatever was registered before this point is started below.
-            pass_registrations = registrations.load();
+            pass_notices = work_notices.load();
             const int active = driveTransfers(*this);
             // Completions are drained after every pass, not only when the
             // active count drops: on a reused connection a new transfer can
@@ -278,8 +288,8 @@ void WebRequestController::processPendingRequests() {
     }
 }
 
-static bool registeredSincePass(const WebRequestController& controller) {
-    return controller.registrations.load() != controller.pass_registrations;
+static bool noticedSincePass(const WebRequestController& controller) {
+    return controller.work_notices.load() != controller.pass_notices;
 }
 
 // Waits for the watched sockets, or a registration since this pass began.
@@ -295,13 +305,13 @@ static int pollWatched(WebRequestController& controller, std::vector<pollfd>& wa
     if (controller.last_wait_short && boundMs != 0) {
         webclient::yieldUntil(
             [&] {
-                return registeredSincePass(controller) || (ready = poll(watched.data(), watched.size(), 0)) != 0;
+                return noticedSincePass(controller) || (ready = poll(watched.data(), watched.size(), 0)) != 0;
             },
             kReadySpinMicroseconds);
     }
-    if (ready == 0 && !registeredSincePass(controller)) {
+    if (ready == 0 && !noticedSincePass(controller)) {
         controller.polling.store(true);
-        if (!registeredSincePass(controller)) ready = poll(watched.data(), watched.size(), boundMs);
+        if (!noticedSincePass(controller)) ready = poll(watched.data(), watched.size(), boundMs);
         controller.polling.store(false);
     }
     controller.last_wait_short = webclient::monotonicMicros() - start < kReadySpinMicroseconds;
@@ -382,11 +392,15 @@ void WebRequestController::addRequest(WebRequest* request) {
         WC_LOG_DEBUG("addRequest[%d] %s", static_cast<int>(requests.size()),
                      request->getPrintableUrl().c_str());
     }
-    // Only a sleeping or polling transfer thread needs waking; a busy one
-    // sees the count before it next waits (see waitForWork, pollWatched).
-    // The first registration to find it asleep wakes it; later ones are
-    // seen when it reads the count after waking.
-    registrations.fetch_add(1);
+    notifyTransferThread();
+}
+
+// Only a sleeping or polling transfer thread needs waking; a busy one sees
+// the count before it next waits (see waitForWork, pollWatched). The first
+// notice to find it asleep wakes it; later ones are seen when it reads the
+// count after waking.
+void WebRequestController::notifyTransferThread() {
+    work_notices.fetch_add(1);
     if (sleeping.exchange(false)) {
         { utilities::lock::lock_guard wakeGuard(&wake_mutex); }
         // After the unlock, so that the woken thread does not block on it.
@@ -492,12 +506,22 @@ void WebRequestManager::beginRequest(WebRequest* request) { controller->addReque
 void WebRequestManager::closeRequest(WebRequest* request) {
     CURL* handle = request->impl->curl_handle;
     if (controller->findRequest(handle, true) == nullptr) return;
-    MultiWriteGuard guard(&controller->multi_lock);
-    // After a stop the multi handle is gone and its cleanup let go of ours.
-    if (controller->multi == nullptr) return;
-    CURLMcode code = curl_multi_remove_handle(controller->multi, handle);
-    if (code != CURLM_OK) {
-        WC_LOG_ERROR("curl_multi_remove_handle error: %d", static_cast<int>(code));
-        handleError(code);
+    bool timerBroughtForward = false;
+    {
+        MultiWriteGuard guard(&controller->multi_lock);
+        // After a stop the multi handle is gone and its cleanup let go of ours.
+        if (controller->multi == nullptr) return;
+        // Whatever the thread's own calls marked is behind its current wait.
+        controller->takeTimerBroughtForward();
+        CURLMcode code = curl_multi_remove_handle(controller->multi, handle);
+        if (code != CURLM_OK) {
+            WC_LOG_ERROR("curl_multi_remove_handle error: %d", static_cast<int>(code));
+            handleError(code);
+        }
+        timerBroughtForward = controller->takeTimerBroughtForward();
     }
+    // A removal that frees a connection lets a transfer held back by the
+    // connection limit start, and libcurl asks for its timer at once. The
+    // thread, polling with the bound it computed before, would not notice.
+    if (timerBroughtForward) controller->notifyTransferThread();
 }
