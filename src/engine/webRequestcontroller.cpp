@@ -217,6 +217,10 @@ void* WebRequestController::run(void* controller) {
             waitForWork(*self, seen);
             self->processPendingRequests();
         }
+        // A request registered between the last pump and the stop would
+        // otherwise never run, and its owner would wait for its whole limit;
+        // the stop waits for it as for any transfer still active.
+        self->processPendingRequests();
     } catch (const Exception& error) {
         WC_LOG_DEBUG("<webRequestcontroller   run >exception %s", error.what());
     } catch (const std::exception& error) {
@@ -444,11 +448,31 @@ WebRequestManager* WebRequestManager::getInstance() {
     return _instance;
 }
 
+namespace {
+
+// Releases what the controller's constructor made, then the controller.
+void destroyController(WebRequestController* controller) {
+    controller->running = false;
+    pthread_mutex_destroy(&controller->list_mutex);
+    pthread_mutex_destroy(&controller->wake_mutex);
+    pthread_cond_destroy(&controller->wake_cond);
+    pthread_rwlock_destroy(&controller->multi_lock);
+    pthread_mutex_destroy(&controller->socket_mutex);
+    if (controller->wake_fd >= 0) close(controller->wake_fd);
+    controller->requests.clear();
+    delete controller;
+}
+
+}  // namespace
+
 WebRequestManager::WebRequestManager() : controller(new WebRequestController()) {
     curl_global_init(CURL_GLOBAL_ALL);
     CURLM* multi = curl_multi_init();
     if (multi == nullptr) {
-        delete controller;
+        // A later getInstance() tries again; each try must not leave a
+        // descriptor behind.
+        curl_global_cleanup();
+        destroyController(controller);
         throw WebException("Failed to initialize libcurl.", nullptr);
     }
     const bool onSwitch =
@@ -474,15 +498,7 @@ WebRequestManager::~WebRequestManager() {
         curl_multi_cleanup(controller->multi);
         curl_global_cleanup();
     }
-    controller->running = false;
-    pthread_mutex_destroy(&controller->list_mutex);
-    pthread_mutex_destroy(&controller->wake_mutex);
-    pthread_cond_destroy(&controller->wake_cond);
-    pthread_rwlock_destroy(&controller->multi_lock);
-    pthread_mutex_destroy(&controller->socket_mutex);
-    if (controller->wake_fd >= 0) close(controller->wake_fd);
-    controller->requests.clear();
-    delete controller;
+    destroyController(controller);
 }
 
 void WebRequestManager::initBackEnd() {
