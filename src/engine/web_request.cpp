@@ -290,7 +290,11 @@ int WebRequest::wait(int timeoutMs) {
     while (!completed && outcome == 0) outcome = pthread_cond_timedwait(&cond, &mutex, &deadline);
     if (completed) outcome = 0;
     pthread_mutex_unlock(&mutex);
-    const long elapsed = static_cast<long>(time(nullptr) - now.tv_sec);
+    // The same clock as the start: time() reads a coarser one that can lag
+    // it, which showed a timeout of -1 seconds.
+    struct timeval end;
+    gettimeofday(&end, nullptr);
+    const long elapsed = static_cast<long>(end.tv_sec - now.tv_sec);
     const std::string printable = getPrintableUrl();
     if (outcome == ETIMEDOUT) {
         WC_LOG_ERROR("[%s]WebRequest::wait pthread_cond_timedwait timeout(%ld seconds)",
