@@ -82,7 +82,7 @@ public:
     std::atomic<bool> sleeping;           // set under wake_mutex while the thread is on wake_cond
     std::atomic<bool> polling;            // the thread is in (or entering) a blocking poll()
     bool pump_idle;                       // transfer thread only: last pump ended idle
-    uint64_t pass_notices;          // transfer thread only: `work_notices` when this pass began
+    uint64_t pass_notices;                // transfer thread only: `work_notices` when this pass began
     bool last_wait_short;                 // transfer thread only: sockets were ready soon last time
     bool last_idle_short;                 // transfer thread only: new work came soon last time
     // A socket libcurl asked us to watch. The generation tells a descriptor
