@@ -37,7 +37,8 @@ http {
 $listen}
 CONF
 nginx -c "$work/nginx.conf"
-for _ in $(seq 50); do curl -sf "http://127.0.0.1:${ports[0]}/1k" >/dev/null && break; sleep 0.1; done
+# Ready once the first port accepts (bash's /dev/tcp: no curl command needed).
+for _ in $(seq 50); do (exec 3<>"/dev/tcp/127.0.0.1/${ports[0]}") 2>/dev/null && break; sleep 0.1; done
 
 origin() { echo "http://127.0.0.1:${ports[$1]}"; }
 echo "| scenario | metric | library | raw libcurl | ratio (library / raw) |"
