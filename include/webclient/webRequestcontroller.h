@@ -13,8 +13,8 @@
 // condition when `sleeping`, the eventfd when `polling`. Stopping the
 // backend wakes both.
 //
-// Lock order (outermost first): multi_lock, then list_mutex; wake_mutex,
-// then list_mutex. list_mutex is always innermost. The transfer thread holds
+// Lock order (outermost first): lifecycle_mutex (start and stop only);
+// multi_lock, then list_mutex; wake_mutex, then list_mutex. list_mutex is always innermost. The transfer thread holds
 // multi_lock in read mode around each multi call and across one message
 // drain, never across the socket wait; callers take it in write mode to add
 // and remove handles.
@@ -107,6 +107,10 @@ public:
     bool stillWatched(const ReadySocket& ready);
     // Whether libcurl's timer has expired.
     bool timerDue();
+    // Serialises starting and stopping the thread: two stops must not both
+    // join it, and a stop racing a start must find the thread it joins.
+    // Outermost of all locks; the transfer thread never takes it.
+    pthread_mutex_t lifecycle_mutex;
 };
 
 class WEBCLIENT_API WebRequestManager {

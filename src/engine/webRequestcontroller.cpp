@@ -120,6 +120,7 @@ WebRequestController::WebRequestController()
     pthread_mutex_init(&wake_mutex, nullptr);
     pthread_cond_init(&wake_cond, nullptr);
     pthread_mutex_init(&socket_mutex, nullptr);
+    pthread_mutex_init(&lifecycle_mutex, nullptr);
 }
 
 int WebRequestController::onSocket(CURL*, curl_socket_t socket, int what, void* controller, void*) {
@@ -414,6 +415,7 @@ void WebRequestController::notifyTransferThread() {
 }
 
 void WebRequestController::shutdown() {
+    utilities::lock::lock_guard lifecycleGuard(&lifecycle_mutex);
     {
         utilities::lock::lock_guard wakeGuard(&wake_mutex);
         running = false;
@@ -458,6 +460,7 @@ void destroyController(WebRequestController* controller) {
     pthread_cond_destroy(&controller->wake_cond);
     pthread_rwlock_destroy(&controller->multi_lock);
     pthread_mutex_destroy(&controller->socket_mutex);
+    pthread_mutex_destroy(&controller->lifecycle_mutex);
     if (controller->wake_fd >= 0) close(controller->wake_fd);
     controller->requests.clear();
     delete controller;
@@ -502,15 +505,18 @@ WebRequestManager::~WebRequestManager() {
 }
 
 void WebRequestManager::initBackEnd() {
-    if (controller->running.exchange(true)) return;
-    WC_LOG_DEBUG("will start the backend download threads ");
-    int error = pthread_create(&controller->thread, nullptr, &WebRequestController::run, controller);
-    if (error != 0) {
-        WC_LOG_ERROR("startBackend create pthread failed %d", error);
-        exit(-1);
+    {
+        utilities::lock::lock_guard lifecycleGuard(&controller->lifecycle_mutex);
+        if (controller->running.exchange(true)) return;
+        WC_LOG_DEBUG("will start the backend download threads ");
+        int error = pthread_create(&controller->thread, nullptr, &WebRequestController::run, controller);
+        if (error != 0) {
+            WC_LOG_ERROR("startBackend create pthread failed %d", error);
+            exit(-1);
+        }
+        // Named so that operators (and the benchmark) can find it in /proc.
+        (void)pthread_setname_np(controller->thread, "webclient-xfer");
     }
-    // Named so that operators (and the benchmark) can find it in /proc.
-    (void)pthread_setname_np(controller->thread, "webclient-xfer");
     WC_LOG_DEBUG("wait for the webclient start");
     sleep(kStartupSettleSeconds);
 }

@@ -43,7 +43,8 @@ TEST(BackendLifecycle, StartStopAndInertAfterwards) {
     expectNotDrivenBeforeStart(backend, server.url("127.0.0.1", "/echo"));
     expectSecondStartIsFree(backend);
 
-    // A stop waits for the transfer that is running.
+    // A stop waits for the transfer that is running; a second stop at the
+    // same time (two modules shutting down) must not join or clean up twice.
     std::atomic<bool> transferDone{false}, started{false};
     std::thread owner([&] {
         WebRequest slow(server.url("127.0.0.1", "/slow/40000?chunk=10000&delay_ms=300"), "GET", false);
@@ -52,7 +53,9 @@ TEST(BackendLifecycle, StartStopAndInertAfterwards) {
         slow.wait(10000);
     });
     while (!started) std::this_thread::yield();
+    std::thread secondStop([&] { backend.stopBackEnd(); });
     backend.stopBackEnd();
+    secondStop.join();
     EXPECT_TRUE(transferDone) << "stop returned before the running transfer ended";
     owner.join();
     EXPECT_EQ(backend.controller->multi, nullptr);
