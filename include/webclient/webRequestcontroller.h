@@ -14,10 +14,10 @@
 // backend wakes both.
 //
 // Lock order (outermost first): lifecycle_mutex (start and stop only);
-// multi_lock, then list_mutex; wake_mutex, then list_mutex. list_mutex is always innermost. The transfer thread holds
-// multi_lock in read mode around each multi call and across one message
-// drain, never across the socket wait; callers take it in write mode to add
-// and remove handles.
+// multi_lock, then list_mutex; wake_mutex, then list_mutex. list_mutex is
+// always innermost. The transfer thread holds multi_lock in read mode around
+// each multi call and across one message drain, never across the socket
+// wait; callers take it in write mode to add and remove handles.
 #pragma once
 
 #include <pthread.h>
@@ -58,9 +58,6 @@ public:
     // Any thread, no lock of the backend held: counts a notice and wakes the
     // transfer thread where it sleeps or polls.
     void notifyTransferThread();
-    // Returns whether libcurl brought its timer forward since the last call,
-    // and clears the mark. Takes socket_mutex.
-    bool takeTimerBroughtForward();
 
     // libcurl's socket and timer callbacks (called inside multi calls, on
     // whichever thread makes them). Take socket_mutex, always innermost.
@@ -96,17 +93,18 @@ public:
         int events;  // CURL_CSELECT_*
         uint64_t generation;
     };
-    pthread_mutex_t socket_mutex;         // guards the next four
+    pthread_mutex_t socket_mutex;         // guards the next three
     std::map<curl_socket_t, WatchedSocket> watched_sockets;
     uint64_t socket_generations;
     long long timer_due_ms;               // monotonic ms when libcurl's timer is due; -1: none
-    bool timer_brought_forward;           // libcurl asked for an earlier time than before
     // Transfer thread: what the last poll() found ready.
     std::vector<ReadySocket> ready_sockets;
     // Whether `ready` still names the socket it was polled as.
     bool stillWatched(const ReadySocket& ready);
     // Whether libcurl's timer has expired.
     bool timerDue();
+    // timer_due_ms, read under socket_mutex.
+    long long timerDueMs();
     // Serialises starting and stopping the thread: two stops must not both
     // join it, and a stop racing a start must find the thread it joins.
     // Outermost of all locks; the transfer thread never takes it.

@@ -110,8 +110,7 @@ int curlEventsOf(short revents) {
 WebRequestController::WebRequestController()
     : multi(nullptr), thread(0), running(false), wake_fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       work_notices(0), sleeping(false), polling(false), pump_idle(true), pass_notices(0),
-      last_wait_short(true), last_idle_short(true), socket_generations(0), timer_due_ms(-1),
-      timer_brought_forward(false) {
+      last_wait_short(true), last_idle_short(true), socket_generations(0), timer_due_ms(-1) {
     // Default attributes: callers' add and remove do not starve, because the
     // transfer thread holds the read side only around single calls and
     // waits for sockets without it.
@@ -156,17 +155,13 @@ bool WebRequestController::timerDue() {
 int WebRequestController::onTimer(CURLM*, long timeoutMs, void* controller) {
     auto* self = static_cast<WebRequestController*>(controller);
     utilities::lock::lock_guard guard(&self->socket_mutex);
-    const long long due = timeoutMs < 0 ? -1 : monotonicMs() + timeoutMs;
-    if (due >= 0 && (self->timer_due_ms < 0 || due < self->timer_due_ms)) self->timer_brought_forward = true;
-    self->timer_due_ms = due;
+    self->timer_due_ms = timeoutMs < 0 ? -1 : monotonicMs() + timeoutMs;
     return 0;
 }
 
-bool WebRequestController::takeTimerBroughtForward() {
+long long WebRequestController::timerDueMs() {
     utilities::lock::lock_guard guard(&socket_mutex);
-    const bool forward = timer_brought_forward;
-    timer_brought_forward = false;
-    return forward;
+    return timer_due_ms;
 }
 
 void WebRequestController::wake() {
@@ -454,7 +449,6 @@ namespace {
 
 // Releases what the controller's constructor made, then the controller.
 void destroyController(WebRequestController* controller) {
-    controller->running = false;
     pthread_mutex_destroy(&controller->list_mutex);
     pthread_mutex_destroy(&controller->wake_mutex);
     pthread_cond_destroy(&controller->wake_cond);
@@ -462,7 +456,6 @@ void destroyController(WebRequestController* controller) {
     pthread_mutex_destroy(&controller->socket_mutex);
     pthread_mutex_destroy(&controller->lifecycle_mutex);
     if (controller->wake_fd >= 0) close(controller->wake_fd);
-    controller->requests.clear();
     delete controller;
 }
 
@@ -533,14 +526,14 @@ void WebRequestManager::closeRequest(WebRequest* request) {
         MultiWriteGuard guard(&controller->multi_lock);
         // After a stop the multi handle is gone and its cleanup let go of ours.
         if (controller->multi == nullptr) return;
-        // Whatever the thread's own calls marked is behind its current wait.
-        controller->takeTimerBroughtForward();
+        const long long dueBefore = controller->timerDueMs();
         CURLMcode code = curl_multi_remove_handle(controller->multi, handle);
         if (code != CURLM_OK) {
             WC_LOG_ERROR("curl_multi_remove_handle error: %d", static_cast<int>(code));
             handleError(code);
         }
-        timerBroughtForward = controller->takeTimerBroughtForward();
+        const long long dueAfter = controller->timerDueMs();
+        timerBroughtForward = dueAfter >= 0 && (dueBefore < 0 || dueAfter < dueBefore);
     }
     // A removal that frees a connection lets a transfer held back by the
     // connection limit start, and libcurl asks for its timer at once. The
