@@ -70,11 +70,7 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
         WC_LOG_ERROR("[%s] cannot build the request header lines", "setupRequest");
         curl_easy_setopt(h, CURLOPT_URL, "");  // fails the transfer rather than sending it without them
     }
-    if (lines != nullptr || header_list != nullptr) curl_easy_setopt(h, CURLOPT_HTTPHEADER, lines);
-    if (lines != nullptr) {
-        if (header_list != nullptr) curl_slist_free_all(header_list);
-        header_list = lines;
-    }
+    (void)webclient::replaceHeaderList(h, header_list, lines);
     if (!cookie.empty()) curl_easy_setopt(h, CURLOPT_COOKIE, cookie.c_str());
 }
 

@@ -49,4 +49,14 @@ inline bool buildHeaderList(const std::vector<std::string>& headers, const std::
     return append(("Cookie: " + cookie).c_str());
 }
 
+// Points `handle` at `lines` (null: none) and frees the list it used before,
+// `owned`, which then takes `lines`. A handle used again must neither keep
+// pointing at a freed list nor send the earlier call's lines.
+inline CURLcode replaceHeaderList(CURL* handle, curl_slist*& owned, curl_slist* lines) {
+    const CURLcode code = curl_easy_setopt(handle, CURLOPT_HTTPHEADER, lines);
+    if (owned != nullptr) curl_slist_free_all(owned);
+    owned = lines;
+    return code;
+}
+
 }  // namespace webclient

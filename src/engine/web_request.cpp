@@ -183,12 +183,7 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
         WC_LOG_ERROR("[%s] cannot build the request header lines", request.getPrintableUrl().c_str());
         request.handleError();
     }
-    if (request.header_list != nullptr) {  // set up before: the handle must not keep the old list
-        curl_easy_setopt(handle, CURLOPT_HTTPHEADER, static_cast<curl_slist*>(nullptr));
-        curl_slist_free_all(request.header_list);
-    }
-    request.header_list = lines;
-    if (request.header_list != nullptr) setCheckedOption(request, CURLOPT_HTTPHEADER, request.header_list);
+    if (webclient::replaceHeaderList(handle, request.header_list, lines) != CURLE_OK) request.handleError();
     if (sendsCookie) setCheckedOption(request, CURLOPT_COOKIE, request.cookie.c_str());
 }
 
