@@ -109,6 +109,10 @@ public:
     // join it, and a stop racing a start must find the thread it joins.
     // Outermost of all locks; the transfer thread never takes it.
     pthread_mutex_t lifecycle_mutex;
+    // Raised by a stop, under multi_lock's write side, before the thread's
+    // last pump: a registration either comes before it (and that pump drives
+    // it) or is refused, rather than sitting undriven until its owner's limit.
+    bool closed;
 };
 
 class WEBCLIENT_API WebRequestManager {

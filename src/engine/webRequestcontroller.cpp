@@ -110,7 +110,7 @@ int curlEventsOf(short revents) {
 WebRequestController::WebRequestController()
     : multi(nullptr), thread(0), running(false), wake_fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       work_notices(0), sleeping(false), polling(false), pump_idle(true), pass_notices(0),
-      last_wait_short(true), last_idle_short(true), socket_generations(0), timer_due_ms(-1) {
+      last_wait_short(true), last_idle_short(true), socket_generations(0), timer_due_ms(-1), closed(false) {
     // Default attributes: callers' add and remove do not starve, because the
     // transfer thread holds the read side only around single calls and
     // waits for sockets without it.
@@ -382,7 +382,8 @@ WebRequest* WebRequestController::findRequest(void* handle, bool remove) {
 void WebRequestController::addRequest(WebRequest* request) {
     {
         MultiWriteGuard multiGuard(&multi_lock);
-        CURLMcode code = curl_multi_add_handle(multi, request->impl->curl_handle);
+        // After a stop, refused as libcurl refuses a released multi handle.
+        CURLMcode code = closed ? CURLM_BAD_HANDLE : curl_multi_add_handle(multi, request->impl->curl_handle);
         if (code != CURLM_OK) {
             WC_LOG_ERROR("curl_multi_add_handle error %d", static_cast<int>(code));
             handleError(code);
@@ -411,6 +412,10 @@ void WebRequestController::notifyTransferThread() {
 
 void WebRequestController::shutdown() {
     utilities::lock::lock_guard lifecycleGuard(&lifecycle_mutex);
+    if (thread != 0) {
+        MultiWriteGuard guard(&multi_lock);
+        closed = true;
+    }
     {
         utilities::lock::lock_guard wakeGuard(&wake_mutex);
         running = false;
