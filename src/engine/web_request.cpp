@@ -107,7 +107,7 @@ std::string maskQuery(const std::string& url) {
 std::string get_printable_url(std::string const& url) { return maskQuery(maskUserinfoPassword(url)); }
 
 WebRequest::WebRequest(std::string const& url, std::string const& method, bool useSsl)
-    : impl(new struct impl()),
+    : impl(nullptr),
       url(url),
       method(method),
       content_length(-1.0),
@@ -116,7 +116,12 @@ WebRequest::WebRequest(std::string const& url, std::string const& method, bool u
       mutex(PTHREAD_MUTEX_INITIALIZER),
       cond(PTHREAD_COND_INITIALIZER),
       use_ssl(useSsl) {
-    impl->web_handle = WebHandleManager::getInstance()->GetWebHandle(url, method);
+    // Made here rather than first in the member list, and handed over only
+    // once the pool has answered, so that nothing leaks when a copy above or
+    // the pool throws: a constructor that throws gets no destructor call.
+    std::unique_ptr<struct impl> made(new struct impl());
+    made->web_handle = WebHandleManager::getInstance()->GetWebHandle(url, method);
+    impl = made.release();
     if (impl->web_handle) {
         impl->web_handle->Lock();
         renewPooledHandle(*impl->web_handle);
