@@ -9,12 +9,14 @@ bool reusedHandlesKeepStaleHeader() {
     return affected;
 }
 
-CURL* handleForNextTransfer(CURL* handle) {
-    if (handle == nullptr || !reusedHandlesKeepStaleHeader()) return handle;
-    CURL* fresh = curl_easy_init();
-    if (fresh == nullptr) return handle;
-    curl_easy_cleanup(handle);
-    return fresh;
+CURL* handleForNextTransfer(CURL* handle, bool replace) {
+    if (handle == nullptr) return nullptr;
+    if (CURL* fresh = replace ? curl_easy_init() : nullptr) {
+        curl_easy_cleanup(handle);
+        return fresh;
+    }
+    curl_easy_reset(handle);
+    return handle;
 }
 
 CURLSH* makeConnectionShare() {

@@ -12,10 +12,11 @@ namespace webclient {
 // easy handle starts without that pointer.
 bool reusedHandlesKeepStaleHeader();
 
-// The handle to use for the next transfer: `handle` itself, or, where reuse
-// is unsafe, a new handle (and `handle` is cleaned up). Falls back to
-// `handle` when libcurl cannot make a new one.
-CURL* handleForNextTransfer(CURL* handle);
+// The handle to use for the next transfer, carrying no option of an earlier
+// one (credentials, a cookie, a method, a body pointer the caller may have
+// freed since): with `replace`, a new handle (and `handle` is cleaned up);
+// otherwise, or when libcurl cannot make a new one, `handle` reset.
+CURL* handleForNextTransfer(CURL* handle, bool replace = reusedHandlesKeepStaleHeader());
 
 // A share for the caller's-thread path, so that its connections and DNS
 // answers outlive the easy handle they were made with. Null on failure.

@@ -39,9 +39,7 @@ constexpr long kCompletionSpinMicroseconds = 200;
 // Brings the pooled handle, held locked, to a clean state for a new
 // transfer: a new easy handle where libcurl cannot safely reuse one.
 void renewPooledHandle(WebHandle& pooled) {
-    CURL* next = webclient::handleForNextTransfer(pooled.curl_handle);
-    if (next != nullptr && next == pooled.curl_handle) curl_easy_reset(next);
-    pooled.curl_handle = next;
+    pooled.curl_handle = webclient::handleForNextTransfer(pooled.curl_handle);
 }
 
 // Requests to the local HTTPS endpoint never verify TLS.
