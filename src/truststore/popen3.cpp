@@ -136,8 +136,9 @@ void forgetDescriptor(int fd) {
 int waitForChild(pid_t pid) {
     int status = 0;
     while (waitpid(pid, &status, 0) == -1) {
+        const int error = errno;  // the report below may overwrite it (a closed stderr)
         std::fprintf(stderr, "waitpid once\n");
-        if (errno != EINTR) break;
+        if (error != EINTR) break;
     }
     return status;
 }
