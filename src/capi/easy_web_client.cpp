@@ -66,11 +66,12 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     // Each call sends its own lines only: an object used again must not
     // repeat an earlier call's Authorization or Cookie line.
     curl_slist* lines = nullptr;
-    if (!webclient::buildHeaderList(headers, cookie, lines)) {
+    if (!webclient::buildHeaderList(headers, lines)) {
         WC_LOG_ERROR("[%s] cannot build the request header lines", "setupRequest");
         curl_easy_setopt(h, CURLOPT_URL, "");  // fails the transfer rather than sending it without them
     }
     (void)webclient::replaceHeaderList(h, header_list, lines);
+    // As for WebRequest: the option follows redirects and yields to a Cookie line.
     if (!cookie.empty()) curl_easy_setopt(h, CURLOPT_COOKIE, cookie.c_str());
 }
 

@@ -177,17 +177,18 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     curl_easy_setopt(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_MAXREDIRS, kMaxRedirects);
-    const bool sendsCookie = deliverHeaders && !request.cookie.empty();
-    // A header line of the cookie takes the option's place (see
-    // buildHeaderList): libcurl would send the option after a redirect to
-    // another host too.
     curl_slist* lines = nullptr;
-    if (!webclient::buildHeaderList(request.headers, sendsCookie ? request.cookie : std::string(), lines)) {
+    if (!webclient::buildHeaderList(request.headers, lines)) {
         WC_LOG_ERROR("[%s] cannot build the request header lines", request.getPrintableUrl().c_str());
         request.handleError();
     }
     if (webclient::replaceHeaderList(handle, request.header_list, lines) != CURLE_OK) request.handleError();
-    if (sendsCookie) setCheckedOption(request, CURLOPT_COOKIE, request.cookie.c_str());
+    // libcurl's cookie option, not a header line: it follows redirects (an
+    // http to https hop on the same device keeps its session, where libcurl
+    // drops a Cookie line), and a caller's own Cookie line overrides it.
+    if (deliverHeaders && !request.cookie.empty()) {
+        setCheckedOption(request, CURLOPT_COOKIE, request.cookie.c_str());
+    }
 }
 
 }  // namespace
