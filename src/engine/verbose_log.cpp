@@ -35,11 +35,24 @@ const char* prefixFor(curl_infotype type) {
     }
 }
 
+// Over HTTP/2 libcurl also reports each request header as text, in
+// brackets: "h2h3 [name: value]" (7.8x) or "[HTTP/2] [1] [name: value]"
+// (8.x). The position just past a secret name's colon there, or npos.
+size_t secretBracketedNameEnd(const std::string& line) {
+    for (size_t open = line.find('['); open != std::string::npos; open = line.find('[', open + 1)) {
+        const size_t nameLength = secretHeaderNameLength(line.substr(open + 1));
+        if (nameLength != 0) return open + 1 + nameLength;
+    }
+    return std::string::npos;
+}
+
 }  // namespace
 
 std::string maskVerboseLine(const std::string& line) {
     const size_t nameLength = secretHeaderNameLength(line);
     if (nameLength != 0) return line.substr(0, nameLength) + " ***";
+    const size_t bracketedEnd = secretBracketedNameEnd(line);
+    if (bracketedEnd != std::string::npos) return line.substr(0, bracketedEnd) + " ***]";
     return get_printable_url(line);
 }
 

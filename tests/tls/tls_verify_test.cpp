@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <future>
 
+#include "engine/verbose_log.h"
 #include "engine/web_request_impl.h"
 #include "support/log_capture.h"
 #include "support/pki.h"
@@ -170,6 +171,21 @@ TEST_F(Tls, SecretsInVerboseOutputAreMasked) {
     EXPECT_GE(log.count("> Authorization: ***"), 1u);
     EXPECT_GE(log.count("> X-API-Key: ***"), 1u);
     EXPECT_GE(log.countContaining("> GET /echo?password=***&client_secret=***"), 1u);
+}
+
+// Over HTTP/2 libcurl reports each request header as a bracketed text line.
+// The test servers speak HTTP/1.1 only, so the lines are fed in as libcurl
+// 7.88 ("h2h3 [...]") and 8.x ("[HTTP/2] [1] [...]") write them.
+TEST(Secrets, Http2HeaderTextLinesAreMasked) {
+    LogCapture log;
+    std::string text =
+        "h2h3 [authorization: Basic S3ntinel-b]\n[HTTP/2] [1] [cookie: sid=[S3ntinel-c]]\n"
+        "h2h3 [x-auth-token: S3ntinel-t]\nh2h3 [:path: /p?password=S3ntinel-q]\nh2h3 [user-agent: kept]\n";
+    logVerboseLine(nullptr, CURLINFO_TEXT, &text[0], text.size(), nullptr);
+    EXPECT_EQ(log.countContaining("S3ntinel"), 0u);
+    EXPECT_EQ(log.count("* h2h3 [authorization: ***]"), 1u);
+    EXPECT_EQ(log.count("* [HTTP/2] [1] [cookie: ***]"), 1u);
+    EXPECT_EQ(log.count("* h2h3 [user-agent: kept]"), 1u) << "other headers stay readable";
 }
 
 // The cookie argument follows every hop, as libcurl's cookie option does: a
