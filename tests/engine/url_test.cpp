@@ -24,8 +24,15 @@ TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
     EXPECT_EQ(get_printable_url("https://h/t?password=abc&x=1&client_secret=s&xpassword=2"),
               "https://h/t?password=***&x=1&client_secret=***&xpassword=2");
     EXPECT_EQ(get_printable_url("https://h/p?client_secret=s&b=2&password="), "https://h/p?client_secret=***&b=2&password=***");
+    // libcurl takes a URL without a scheme, or with one slash or three.
+    EXPECT_EQ(get_printable_url("ui:pw@h:1/p"), "ui:***@h:1/p");
+    EXPECT_EQ(get_printable_url("http:/ui:pw@h/p"), "http:/ui:***@h/p");
+    EXPECT_EQ(get_printable_url("http:///ui:pw@h/p"), "http:///ui:***@h/p");
+    EXPECT_EQ(get_printable_url("http://h/a&b?password=s&client_secret=c"), "http://h/a&b?password=***&client_secret=***");
+    EXPECT_EQ(get_printable_url("Issue another request to this URL: 'http://u:pw@h:1/loop'"),
+              "Issue another request to this URL: 'http://u:***@h:1/loop'");
     for (const char* url : {"https://h/p?a=1&b=2", "https://h/password=x", "https://h/p?mypassword=1", "https://u@h:1/",
-                            "https://h:1/p?to=a:b@c", "not a url: x@y"}) {
+                            "https://h:1/p?to=a:b@c", "not a url: x@y", "h:1/p?to=a:b@c"}) {
         EXPECT_EQ(get_printable_url(url), url);
     }
 }
