@@ -15,11 +15,14 @@ namespace {
 const char* const kSecretNameParts[] = {"auth", "cookie", "token", "key", "secret", "session", "password"};
 
 // The length of "Name:" when `line` is a header line whose name looks
-// secret, otherwise 0.
+// secret, otherwise 0. Blanks before the colon ("Authorization : x") are
+// not part of the name: libcurl sends such a line as it is written.
 size_t secretHeaderNameLength(const std::string& line) {
     const size_t colon = line.find(':');
-    if (colon == std::string::npos || colon == 0 || line.find_first_of(" \t") < colon) return 0;
+    if (colon == std::string::npos) return 0;
     std::string name = line.substr(0, colon);
+    name.erase(name.find_last_not_of(" \t") + 1);
+    if (name.empty() || name.find_first_of(" \t") != std::string::npos) return 0;
     std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
     for (const char* part : kSecretNameParts) {
         if (name.find(part) != std::string::npos) return colon + 1;

@@ -173,16 +173,20 @@ TEST_F(Tls, SecretsInVerboseOutputAreMasked) {
     EXPECT_GE(log.countContaining("> GET /echo?password=***&client_secret=***"), 1u);
 }
 
-// Over HTTP/2 libcurl reports each request header as a bracketed text line.
-// The test servers speak HTTP/1.1 only, so the lines are fed in as libcurl
-// 7.88 ("h2h3 [...]") and 8.x ("[HTTP/2] [1] [...]") write them.
-TEST(Secrets, Http2HeaderTextLinesAreMasked) {
+// Forms the servers here cannot provoke, fed in as libcurl writes them:
+// over HTTP/2 each request header is also a bracketed text line (7.88
+// "h2h3 [...]", 8.x "[HTTP/2] [1] [...]"), and a caller's header line may
+// have a blank before its colon, which libcurl sends as written.
+TEST(Secrets, HeaderLinesInEveryVerboseFormAreMasked) {
     LogCapture log;
     std::string text =
         "h2h3 [authorization: Basic S3ntinel-b]\n[HTTP/2] [1] [cookie: sid=[S3ntinel-c]]\n"
         "h2h3 [x-auth-token: S3ntinel-t]\nh2h3 [:path: /p?password=S3ntinel-q]\nh2h3 [user-agent: kept]\n";
     logVerboseLine(nullptr, CURLINFO_TEXT, &text[0], text.size(), nullptr);
+    std::string sent = "GET / HTTP/1.1\r\nauthorization : Bearer S3ntinel-s\r\n\r\n";
+    logVerboseLine(nullptr, CURLINFO_HEADER_OUT, &sent[0], sent.size(), nullptr);
     EXPECT_EQ(log.countContaining("S3ntinel"), 0u);
+    EXPECT_EQ(log.count("> authorization : ***"), 1u);
     EXPECT_EQ(log.count("* h2h3 [authorization: ***]"), 1u);
     EXPECT_EQ(log.count("* [HTTP/2] [1] [cookie: ***]"), 1u);
     EXPECT_EQ(log.count("* h2h3 [user-agent: kept]"), 1u) << "other headers stay readable";
