@@ -59,6 +59,8 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     curl_easy_setopt(h, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(h, CURLOPT_MAXREDIRS, 30L);  // older libcurl has no limit
+    // HTTP/1.1 as on the other path: the header text stays in one form.
+    curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     if (!user.empty() && !password.empty()) {
         const std::string userPassword = user + ":" + password;
         curl_easy_setopt(h, CURLOPT_USERPWD, userPassword.c_str());

@@ -196,6 +196,11 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     curl_easy_setopt(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_MAXREDIRS, kMaxRedirects);
+    // libcurl would offer HTTP/2 to every TLS server. Callers read the
+    // response header text, which HTTP/2 changes ("HTTP/2 200 " with no
+    // reason, lower-case names), and a stream cut short after the server's
+    // graceful close comes back without error text.
+    curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     curl_slist* lines = nullptr;
     if (!webclient::buildHeaderList(request.headers, lines)) {
         WC_LOG_ERROR("[%s] cannot build the request header lines", request.getPrintableUrl().c_str());
