@@ -132,7 +132,7 @@ std::string WebClient::downloadStream(download_param* param, std::shared_ptr<FIL
             }
             if (responseCode != nullptr) *responseCode = static_cast<int>(request.getResponseCode());
             status = CheckStatus(request);
-            if (status != 0) error = request.impl->error_buffer;
+            if (status != 0) error = failureText(request);
         }
         if (!refreshAfterTrustFailure(status, useSsl, attemptsLeft)) return error;
     }

@@ -33,6 +33,12 @@ void runExchange(WebClient& client, std::string const& url, bool useSsl, Exchang
 int finishAttempt(WebClient& client, WebRequest& request, const char* logName, int waitMs,
                   int* responseCode, std::string* error);
 
+// A failed attempt's error text: libcurl's error buffer or, where libcurl
+// left it empty, the text of its result code, so that a failure never looks
+// like success to a caller who checks the text. An attempt that ran out of
+// time has no result yet and carries none.
+std::string failureText(const WebRequest& request);
+
 // Waits up to waitMs; on timeout logs "[<logName>] exception ..." and
 // detaches the request from the transfer thread.
 void waitOrDetach(WebRequest& request, const char* logName, int waitMs);

@@ -79,8 +79,14 @@ int finishAttempt(WebClient& client, WebRequest& request, const char* logName, i
     waitOrDetach(request, logName, waitMs);
     if (responseCode != nullptr) *responseCode = static_cast<int>(request.getResponseCode());
     const int status = client.CheckStatus(request);
-    if (status != 0 && error != nullptr) *error = request.impl->error_buffer;
+    if (status != 0 && error != nullptr) *error = failureText(request);
     return status;
+}
+
+std::string failureText(const WebRequest& request) {
+    const char* buffer = request.impl->error_buffer;
+    if (buffer[0] != '\0' || request.impl->result == CURLE_OK) return buffer;
+    return curl_easy_strerror(request.impl->result);
 }
 
 void waitOrDetach(WebRequest& request, const char* logName, int waitMs) {
