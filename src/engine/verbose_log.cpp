@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cctype>
 
+#include "engine/url_masking.h"
 #include "util/callback_barrier.h"
 #include "util/log.h"
-#include "webclient/web_request.h"
 
 namespace {
 
@@ -15,13 +15,14 @@ namespace {
 const char* const kSecretNameParts[] = {"auth", "cookie", "token", "key", "secret", "session", "password"};
 
 // The length of "Name:" when `line` is a header line whose name looks
-// secret, otherwise 0. Blanks before the colon ("Authorization : x") are
-// not part of the name: libcurl sends such a line as it is written.
+// secret, otherwise 0. Blanks around the name (" Authorization : x") are not
+// part of it: libcurl sends a caller's line as it is written.
 size_t secretHeaderNameLength(const std::string& line) {
     const size_t colon = line.find(':');
     if (colon == std::string::npos) return 0;
     std::string name = line.substr(0, colon);
     name.erase(name.find_last_not_of(" \t") + 1);
+    name.erase(0, name.find_first_not_of(" \t"));
     if (name.empty() || name.find_first_of(" \t") != std::string::npos) return 0;
     std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
     for (const char* part : kSecretNameParts) {
@@ -56,7 +57,9 @@ std::string maskVerboseLine(const std::string& line) {
     if (nameLength != 0) return line.substr(0, nameLength) + " ***";
     const size_t bracketedEnd = secretBracketedNameEnd(line);
     if (bracketedEnd != std::string::npos) return line.substr(0, bracketedEnd) + " ***]";
-    return get_printable_url(line);
+    // URLs in verbose lines always carry "://"; the scheme-less forms would
+    // take a header such as "From:ops@example.com" for user and password.
+    return webclient::maskQuery(webclient::maskUserinfoPassword(line, false));
 }
 
 int logVerboseLine(CURL*, curl_infotype type, char* data, size_t size, void*) {

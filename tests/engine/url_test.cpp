@@ -26,6 +26,7 @@ TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
     EXPECT_EQ(get_printable_url("https://h/p?client_secret=s&b=2&password="), "https://h/p?client_secret=***&b=2&password=***");
     // libcurl takes a URL without a scheme, or with one slash or three.
     EXPECT_EQ(get_printable_url("ui:pw@h:1/p"), "ui:***@h:1/p");
+    EXPECT_EQ(get_printable_url("u:p'w@10.0.0.1/x"), "u:***@10.0.0.1/x");
     EXPECT_EQ(get_printable_url("http:/ui:pw@h/p"), "http:/ui:***@h/p");
     EXPECT_EQ(get_printable_url("http:///ui:pw@h/p"), "http:///ui:***@h/p");
     EXPECT_EQ(get_printable_url("http://h/a&b?password=s&client_secret=c"), "http://h/a&b?password=***&client_secret=***");

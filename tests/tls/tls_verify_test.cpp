@@ -183,10 +183,13 @@ TEST(Secrets, HeaderLinesInEveryVerboseFormAreMasked) {
         "h2h3 [authorization: Basic S3ntinel-b]\n[HTTP/2] [1] [cookie: sid=[S3ntinel-c]]\n"
         "h2h3 [x-auth-token: S3ntinel-t]\nh2h3 [:path: /p?password=S3ntinel-q]\nh2h3 [user-agent: kept]\n";
     logVerboseLine(nullptr, CURLINFO_TEXT, &text[0], text.size(), nullptr);
-    std::string sent = "GET / HTTP/1.1\r\nauthorization : Bearer S3ntinel-s\r\n\r\n";
+    std::string sent =
+        "GET / HTTP/1.1\r\nauthorization : Bearer S3ntinel-s\r\n Authorization: Bearer S3ntinel-l\r\n"
+        "From:ops@example.com\r\n\r\n";
     logVerboseLine(nullptr, CURLINFO_HEADER_OUT, &sent[0], sent.size(), nullptr);
     EXPECT_EQ(log.countContaining("S3ntinel"), 0u);
     EXPECT_EQ(log.count("> authorization : ***"), 1u);
+    EXPECT_EQ(log.count("> From:ops@example.com"), 1u) << "no URL, nothing to mask";
     EXPECT_EQ(log.count("* h2h3 [authorization: ***]"), 1u);
     EXPECT_EQ(log.count("* [HTTP/2] [1] [cookie: ***]"), 1u);
     EXPECT_EQ(log.count("* h2h3 [user-agent: kept]"), 1u) << "other headers stay readable";
