@@ -63,8 +63,9 @@ public:
         posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
         spawned_ = posix_spawnp(&pid_, "openssl", &actions, nullptr, const_cast<char**>(argv), environ) == 0;
         posix_spawn_file_actions_destroy(&actions);
-        for (int i = 0; spawned_ && i < 100 && !accepts(port_); ++i) {
+        for (int i = 0; spawned_ && i < 100 && !ready_; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            ready_ = accepts(port_);
         }
     }
     ~Http2OfferingServer() {
@@ -73,17 +74,20 @@ public:
         waitpid(pid_, nullptr, 0);
     }
     std::string url(const std::string& host) const { return "https://" + host + ":" + std::to_string(port_) + "/"; }
+    bool ready() const { return ready_; }
 
 private:
     int port_;
     pid_t pid_ = 0;
     bool spawned_ = false;
+    bool ready_ = false;
 };
 
 }  // namespace
 
 TEST(HttpVersion, ServersOfferingHttp2AreSpokenToInHttp11) {
     Http2OfferingServer server;
+    ASSERT_TRUE(server.ready()) << "openssl s_server did not start listening";
     std::vector<std::string> none;
     // 127.0.0.1 runs on the transfer thread, localhost on the caller's.
     for (const char* host : {"127.0.0.1", "localhost"}) {
