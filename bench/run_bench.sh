@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Benchmarks libwebclient against raw libcurl on the same nginx (loopback,
 # several ports = several origins) in one run, and prints a Markdown table.
-# usage: bench/run_bench.sh [BUILD_DIR]   (default: build-bench; built here unless
-#        a BUILD_DIR that already holds the benchmark is given)
+# usage: bench/run_bench.sh [BUILD_DIR]   (default: build-bench, built here; a
+#        given BUILD_DIR must already hold the benchmark)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -11,11 +11,15 @@ if ! command -v nginx >/dev/null; then
   apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq nginx-light >/dev/null
 fi
 build=${1:-build-bench}
-if [ "$#" -eq 0 ] || [ ! -x "$build/bench/webclient_bench" ]; then
+if [ "$#" -eq 0 ]; then
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DWEBCLIENT_BUILD_TESTS=OFF >/dev/null
   cmake --build "$build" -j "$(nproc)" --target webclient_bench >/dev/null
 fi
 bench="$root/$build/bench/webclient_bench"
+if [ ! -x "$bench" ]; then
+  echo "run_bench.sh: $bench not found; run without arguments to build it" >&2
+  exit 1
+fi
 
 work=$(mktemp -d)
 trap 'kill "$(cat "$work/nginx.pid" 2>/dev/null)" 2>/dev/null || true; rm -rf "$work"' EXIT
