@@ -10,9 +10,9 @@ namespace webclient {
 
 // `headers` in order; `built` is null when there is nothing to send. The
 // cookie argument is not among them (see where CURLOPT_COOKIE is set).
-// False, with nothing built
-// and nothing leaked, when libcurl cannot extend the list; the request must
-// then fail rather than go out without, say, its Authorization line.
+// False, with nothing built and nothing leaked, when libcurl cannot extend
+// the list; the request must then fail rather than go out without, say, its
+// Authorization line.
 inline bool buildHeaderList(const std::vector<std::string>& headers, curl_slist*& built) {
     built = nullptr;
     auto append = [&built](const char* line) {
