@@ -37,12 +37,6 @@ constexpr int kSlowWaitWarningSeconds = 30;
 // yields the processor lets quick answers return without that cost.
 constexpr long kCompletionSpinMicroseconds = 200;
 
-// Brings the pooled handle, held locked, to a clean state for a new
-// transfer: a new easy handle where libcurl cannot safely reuse one.
-void renewPooledHandle(WebHandle& pooled) {
-    pooled.curl_handle = webclient::handleForNextTransfer(pooled.curl_handle);
-}
-
 // Requests to the local HTTPS endpoint never verify TLS.
 // The host must really be 127.0.0.1: in "https://127.0.0.1:pw@peer/" those
 // characters are only a user name and password, and the peer is verified.
@@ -79,8 +73,11 @@ WebRequest::WebRequest(std::string const& url, std::string const& method, bool u
     impl = made.release();
     if (impl->web_handle) {
         impl->web_handle->Lock();
-        renewPooledHandle(*impl->web_handle);
-        impl->curl_handle = impl->web_handle->curl_handle;
+        // Held locked, the pooled handle is brought to a clean state for this
+        // transfer: reset, or new where libcurl cannot safely reuse one.
+        CURL*& pooled = impl->web_handle->curl_handle;
+        pooled = webclient::handleForNextTransfer(pooled);
+        impl->curl_handle = pooled;
     }
     if (impl->curl_handle != nullptr) {
         memset_s_helper(impl->error_buffer, sizeof impl->error_buffer, 0,
