@@ -61,15 +61,15 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
         posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        spawned_ = posix_spawnp(&pid_, "openssl", &actions, nullptr, const_cast<char**>(argv), environ) == 0;
+        if (posix_spawnp(&pid_, "openssl", &actions, nullptr, const_cast<char**>(argv), environ) != 0) pid_ = 0;
         posix_spawn_file_actions_destroy(&actions);
-        for (int i = 0; spawned_ && i < 100 && !ready_; ++i) {
+        for (int i = 0; pid_ != 0 && i < 100 && !ready_; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             ready_ = accepts(port_);
         }
     }
     ~Http2OfferingServer() {
-        if (!spawned_) return;
+        if (pid_ == 0) return;
         kill(pid_, SIGTERM);
         waitpid(pid_, nullptr, 0);
     }
@@ -79,7 +79,6 @@ public:
 private:
     int port_;
     pid_t pid_ = 0;
-    bool spawned_ = false;
     bool ready_ = false;
 };
 
