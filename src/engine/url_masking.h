@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -12,9 +13,17 @@
 
 namespace webclient {
 
+// Query field names are matched without regard to case: a server that
+// reads "?Password=" is given the same secret as one that reads "?password=".
+inline std::string lowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+    return text;
+}
+
 inline std::string maskFirstPiece(const std::string& piece) {
+    const std::string lower = lowerCase(piece);
     for (const char* key : {"?password=", "?client_secret="}) {
-        const size_t at = piece.find(key);
+        const size_t at = lower.find(key);
         if (at != std::string::npos) return piece.substr(0, at + std::strlen(key)) + "***";
     }
     return piece;
@@ -50,18 +59,16 @@ inline std::string maskUserinfoPassword(const std::string& text, bool schemeless
 }
 
 inline std::string maskQuery(const std::string& url) {
-    if (url.find('?') == std::string::npos) return url;
-    if (url.find("?password=") == std::string::npos && url.find("&password=") == std::string::npos &&
-        url.find("?client_secret=") == std::string::npos && url.find("&client_secret=") == std::string::npos) {
+    const std::string lower = lowerCase(url);
+    if (lower.find("password=") == std::string::npos && lower.find("client_secret=") == std::string::npos) {
         return url;
     }
     std::vector<std::string> pieces = split(url.c_str(), "&");
     std::string printable = maskFirstPiece(pieces.empty() ? url : pieces[0]);
     for (size_t i = 1; i < pieces.size(); ++i) {
-        if (pieces[i].rfind("password=", 0) == 0) {
-            printable += "&password=***";
-        } else if (pieces[i].rfind("client_secret=", 0) == 0) {
-            printable += "&client_secret=***";
+        const std::string name = lowerCase(pieces[i].substr(0, pieces[i].find('=') + 1));
+        if (name == "password=" || name == "client_secret=") {
+            printable += "&" + pieces[i].substr(0, name.size()) + "***";
         } else {
             // A path may hold '&' too: "/a&b?password=..." splits before the '?'.
             printable += "&" + maskFirstPiece(pieces[i]);

@@ -1,8 +1,5 @@
 #include "engine/verbose_log.h"
 
-#include <algorithm>
-#include <cctype>
-
 #include "engine/url_masking.h"
 #include "util/callback_barrier.h"
 #include "util/log.h"
@@ -24,7 +21,7 @@ size_t secretHeaderNameLength(const std::string& line) {
     name.erase(name.find_last_not_of(" \t") + 1);
     name.erase(0, name.find_first_not_of(" \t"));
     if (name.empty() || name.find_first_of(" \t") != std::string::npos) return 0;
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+    name = webclient::lowerCase(name);
     for (const char* part : kSecretNameParts) {
         if (name.find(part) != std::string::npos) return colon + 1;
     }

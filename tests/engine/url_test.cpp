@@ -30,6 +30,8 @@ TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
     EXPECT_EQ(get_printable_url("http:/ui:pw@h/p"), "http:/ui:***@h/p");
     EXPECT_EQ(get_printable_url("http:///ui:pw@h/p"), "http:///ui:***@h/p");
     EXPECT_EQ(get_printable_url("http://h/a&b?password=s&client_secret=c"), "http://h/a&b?password=***&client_secret=***");
+    EXPECT_EQ(get_printable_url("http://h/p?Password=s&CLIENT_SECRET=c&xPassword=2"),
+              "http://h/p?Password=***&CLIENT_SECRET=***&xPassword=2");
     EXPECT_EQ(get_printable_url("Issue another request to this URL: 'http://u:pw@h:1/loop'"),
               "Issue another request to this URL: 'http://u:***@h:1/loop'");
     for (const char* url : {"https://h/p?a=1&b=2", "https://h/password=x", "https://h/p?mypassword=1", "https://u@h:1/",
