@@ -68,9 +68,13 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     // Each call sends its own lines only: an object used again must not
     // repeat an earlier call's Authorization or Cookie line.
     curl_slist* lines = nullptr;
-    if (!webclient::buildHeaderList(headers, lines)) {
+    // An empty URL fails the transfer rather than sending it wrong.
+    if (webclient::anyHoldsLineBreak(headers, cookie)) {
+        WC_LOG_ERROR("[%s] a header line or the cookie holds CR or LF: not sent", "setupRequest");
+        curl_easy_setopt(h, CURLOPT_URL, "");
+    } else if (!webclient::buildHeaderList(headers, lines)) {
         WC_LOG_ERROR("[%s] cannot build the request header lines", "setupRequest");
-        curl_easy_setopt(h, CURLOPT_URL, "");  // fails the transfer rather than sending it without them
+        curl_easy_setopt(h, CURLOPT_URL, "");
     }
     (void)webclient::replaceHeaderList(h, header_list, lines);
     // As for WebRequest: the option follows redirects and yields to a Cookie line.

@@ -3,10 +3,21 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 namespace webclient {
+
+// A CR or LF ends a line on the wire: what follows it would go out as a
+// header line of its own, or as a second request whose answer the next
+// caller on that connection would take for its own. Such text is refused,
+// not sent.
+inline bool holdsLineBreak(const std::string& text) { return text.find_first_of("\r\n") != std::string::npos; }
+
+inline bool anyHoldsLineBreak(const std::vector<std::string>& headers, const std::string& cookie) {
+    return holdsLineBreak(cookie) || std::any_of(headers.begin(), headers.end(), holdsLineBreak);
+}
 
 // `headers` in order; `built` is null when there is nothing to send. The
 // cookie argument is not among them (see where CURLOPT_COOKIE is set).

@@ -58,6 +58,21 @@ inline std::string maskUserinfoPassword(const std::string& text, bool schemeless
     return text.substr(0, colon + 1) + "***" + text.substr(at);
 }
 
+// Control bytes shown as \xNN: a line break inside a caller's URL would
+// otherwise print as a log line of its own, one the URL's author wrote.
+inline std::string escapeControlBytes(const std::string& text) {
+    std::string shown;
+    for (const unsigned char c : text) {
+        if (c >= 0x20 && c != 0x7f) {
+            shown += static_cast<char>(c);
+            continue;
+        }
+        static const char kHex[] = "0123456789abcdef";
+        shown += {'\\', 'x', kHex[c >> 4], kHex[c & 0xf]};
+    }
+    return shown;
+}
+
 inline std::string maskQuery(const std::string& url) {
     const std::string lower = lowerCase(url);
     if (lower.find("password=") == std::string::npos && lower.find("client_secret=") == std::string::npos) {

@@ -52,7 +52,7 @@ bool isLocalHttpsUrl(const std::string& url) {
 }  // namespace
 
 std::string get_printable_url(std::string const& url) {
-    return webclient::maskQuery(webclient::maskUserinfoPassword(url, true));
+    return webclient::escapeControlBytes(webclient::maskQuery(webclient::maskUserinfoPassword(url, true)));
 }
 
 WebRequest::WebRequest(std::string const& url, std::string const& method, bool useSsl)
@@ -136,6 +136,10 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     // reason, lower-case names), and a stream cut short after the server's
     // graceful close comes back without error text.
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    if (webclient::anyHoldsLineBreak(request.headers, request.cookie)) {
+        WC_LOG_ERROR("[%s] a header line or the cookie holds CR or LF: not sent", request.getPrintableUrl().c_str());
+        throw WebException("a header line or the cookie holds CR or LF", nullptr);
+    }
     curl_slist* lines = nullptr;
     if (!webclient::buildHeaderList(request.headers, lines)) {
         WC_LOG_ERROR("[%s] cannot build the request header lines", request.getPrintableUrl().c_str());

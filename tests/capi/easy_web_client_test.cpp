@@ -28,6 +28,11 @@ TEST(EasyWebClient, GetFollowsRedirectsAndSendsWhatItIsGiven) {
     take(easyWebClientGet(server.url("localhost", "/echo").c_str(), "u", "", nullptr, one, &code));
     EXPECT_EQ(headerOf(lastRequest(server), "X-Only"), "this");
     EXPECT_EQ(headerOf(lastRequest(server), "Authorization"), "") << "an empty password sends no credentials";
+    const size_t seenBefore = server.requests().size();
+    const char* smuggling[] = {"X-A: 1\r\nX-B: 2", nullptr};
+    EXPECT_EQ(take(easyWebClientGet(redirect.c_str(), nullptr, nullptr, nullptr, smuggling, &code)), "");
+    EXPECT_EQ(take(easyWebClientGet(redirect.c_str(), nullptr, nullptr, "c=1\nX-B: 2", nullptr, &code)), "");
+    EXPECT_EQ(server.requests().size(), seenBefore) << "a line break in a header line or the cookie: nothing sent";
     code = 5;
     EXPECT_EQ(easyWebClientGet(nullptr, nullptr, nullptr, nullptr, nullptr, &code), nullptr);
     EXPECT_EQ(code, 5);

@@ -73,6 +73,16 @@ TEST_P(FlatFunctions, GetVariantsReportStatusHeaderTextAndCookie) {
         EXPECT_EQ(body.str(), "status 500");
         EXPECT_EQ(headerOf(lastRequest(server), "Cookie"), cookie ? cookie : "") << "only when given";
     }
+    // A line break would let a header line or the cookie smuggle in more
+    // lines, or a whole request: nothing goes out.
+    const size_t seenBefore = server.requests().size();
+    const char* smuggling[] = {"X-A: 1\r\n\r\nGET /smuggled HTTP/1.1", nullptr};
+    code = -1;
+    Owned refused(webClientGet_ex2(url("/echo").c_str(), nullptr, nullptr, nullptr, smuggling, &code, false));
+    Owned refusedCookie(webClientGet_ex2(url("/echo").c_str(), nullptr, nullptr, "a=1\nX-B: 2", nullptr, &code, false));
+    EXPECT_EQ(server.requests().size(), seenBefore);
+    EXPECT_EQ(refused.text, nullptr);
+    EXPECT_EQ(code, -1);
     char* rawHeaders = nullptr;
     Owned body(webClientGet_ex(url("/status/404").c_str(), nullptr, nullptr, nullptr, &rawHeaders, false));
     Owned headerText(rawHeaders);
