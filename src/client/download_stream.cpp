@@ -3,6 +3,8 @@
 // through the host's sender.
 #include <json-c/json.h>
 
+#include <cerrno>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -60,6 +62,9 @@ void recordProgress(download_param& param, DataReceivedEventArgs& chunk, size_t 
                      param.image_name.c_str());
         chunk.cancel = true;
     }
+    // A divisor the host left at 0 would make every later report Infinity,
+    // which is not JSON; downloadStream has already said so in the log.
+    if (!(param.progress_divisor > 0.0)) return;
     const double percentage = entry.downloaded / entry.total / param.progress_divisor + total_percentage;
     if (entry.downloaded == entry.total) total_percentage = percentage;
     if (percentage - entry.last_reported < kReportStep) return;
@@ -81,8 +86,17 @@ download_param::~download_param() = default;
 
 void WebClient::impl::downloadStreamCallback(std::shared_ptr<FILE> file, download_param* param,
                                              std::shared_ptr<DataReceivedEventArgs> chunk) {
-    const size_t written = fwrite(chunk->data, 1, static_cast<size_t>(chunk->size), file.get());
-    if (param->progress_lock == nullptr) return;
+    const size_t size = static_cast<size_t>(chunk->size);
+    size_t written = fwrite(chunk->data, 1, size, file.get());
+    // stdio holds back what does not fill a block: without the flush a full
+    // disk would show only at the caller's fclose, after a reported success.
+    if (written == size && fflush(file.get()) != 0) written = 0;
+    // A file that lost data is no download, bookkeeping or not.
+    if (written < size) chunk->cancel = true;
+    if (param->progress_lock == nullptr) {
+        if (written < size) WC_LOG_ERROR("write file error, download will be cancelled: %s", strerror(errno));
+        return;
+    }
     std::string failure;
     bool failed = false;
     {
@@ -108,10 +122,25 @@ DataReceivedCallback bindStreamCallback(WebClient& client, std::shared_ptr<FILE>
     return std::bind(&WebClient::impl::downloadStreamCallback, client.impl, file, param, _1);
 }
 
+// A missing record or file would crash the transfer thread at the first
+// chunk; a zero divisor only spoils the reports (see recordProgress).
+bool downloadArgumentsUsable(const download_param* param, const std::shared_ptr<FILE>& file) {
+    if (param == nullptr || !file) {
+        WC_LOG_ERROR("[downloadStream] invalid argument: %s", param == nullptr ? "no download_param" : "no file");
+        return false;
+    }
+    if (param->progress_lock != nullptr && !(param->progress_divisor > 0.0)) {
+        WC_LOG_ERROR("[downloadStream] progress_divisor is not positive: no progress reports for %s",
+                     param->image_name.c_str());
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string WebClient::downloadStream(download_param* param, std::shared_ptr<FILE> file,
                                       int* responseCode, bool useSsl) {
+    if (!downloadArgumentsUsable(param, file)) return "invalid argument";
     std::string error;
     int attemptsLeft = useSsl ? 2 : 0;
     for (;;) {
@@ -140,6 +169,7 @@ std::string WebClient::downloadStream(download_param* param, std::shared_ptr<FIL
 
 void WebClient::downloadStream(download_param* param, std::shared_ptr<FILE> file,
                                std::string& responseHeaders, bool useSsl) {
+    if (!downloadArgumentsUsable(param, file)) return;
     std::string body;  // unused: the stream callback writes to the file
     Exchange exchange{"downloadStream", "GET", downloadTimeoutMs, &body, &responseHeaders, nullptr,
                       nullptr,

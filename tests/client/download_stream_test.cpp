@@ -101,10 +101,28 @@ TEST_F(ProgressJob, HostCancelStopsAfterOneMoreChunk) {
     EXPECT_EQ(static_cast<double>(readWholeFile(out.path()).size()), counted);
 }
 
-TEST_F(ProgressJob, UnwritableFileCancelsTheDownload) {
+TEST_F(ProgressJob, WriteFailuresAndUnusableArgumentsEndTheDownload) {
     TempFile out("existing");
     download_param param = job("/bytes/200000", "ro");
     int code = 0;
     EXPECT_FALSE(client.downloadStream(&param, openForWriting(out.path(), "r"), &code, false).empty());
     EXPECT_EQ(log.count("write file error, download for this image will be cancel, image: ro"), 1u);
+    // A full disk under a body smaller than stdio's buffer, with and without
+    // bookkeeping: the loss must not wait for the caller's fclose to show.
+    download_param small = job("/bytes/3000", "full");
+    EXPECT_FALSE(client.downloadStream(&small, openForWriting("/dev/full"), &code, false).empty());
+    download_param plain;
+    plain.url = small.url;
+    EXPECT_FALSE(client.downloadStream(&plain, openForWriting("/dev/full"), &code, false).empty());
+    EXPECT_EQ(log.countContaining("write file error, download will be cancelled: No space left on device"), 1u);
+
+    EXPECT_EQ(client.downloadStream(&plain, nullptr, &code, false), "invalid argument") << "no crash at the first chunk";
+    reset_download_percentage_data();
+    percentages.clear();
+    download_param noDivisor = job("/bytes/200000", "nodiv", 0);
+    EXPECT_EQ(client.downloadStream(&noDivisor, openForWriting(out.path()), &code, false), "");
+    EXPECT_EQ(code, 200);
+    EXPECT_EQ(log.count("[downloadStream] progress_divisor is not positive: no progress reports for nodiv"), 1u);
+    EXPECT_TRUE(percentages.empty()) << "a zero divisor would report Infinity, which is not JSON";
+    EXPECT_DOUBLE_EQ(total_percentage, 0.0);
 }
