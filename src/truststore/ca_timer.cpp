@@ -48,6 +48,9 @@ int g_relayReadFd = -1;  // guarded by g_relayMutex
 
 std::mutex g_callbackMutex;
 std::mutex g_relayMutex;
+// The relay thread belongs to the process that started it: a child made by
+// fork() inherits the pointer and the self-pipe, but not the thread.
+std::atomic<pid_t> g_relayPid{0};
 std::thread* g_relayThread = nullptr;           // guarded by g_relayMutex
 const CaBundleManager* g_relayOwner = nullptr;  // guarded by g_relayMutex
 // Managers whose timer exists (untyped: keeps the instantiation private).
@@ -89,6 +92,23 @@ bool openSelfPipe() {
     return true;
 }
 
+bool inForkedChild() { return g_relayPid.load() != 0 && g_relayPid.load() != getpid(); }
+
+// Caller holds g_relayMutex. In a forked child the inherited relay has no
+// thread behind it, and its pipe leads to the parent's relay: this process
+// gets its own. The thread object is left alone on purpose, since a
+// std::thread that looks joinable cannot be destroyed.
+void forgetInheritedRelay() {
+    if (!inForkedChild()) return;
+    g_relayThread = nullptr;
+    g_relayOwner = nullptr;
+    const int writeFd = g_relayWriteFd.exchange(-1);
+    if (writeFd >= 0) close(writeFd);
+    if (g_relayReadFd >= 0) close(g_relayReadFd);
+    g_relayReadFd = -1;
+    g_relayPid.store(0);
+}
+
 // Binds timer_callback to `manager` and starts the relay thread if none
 // runs. False when the relay cannot run.
 bool startRelay(CaBundleManager* manager) {
@@ -97,11 +117,13 @@ bool startRelay(CaBundleManager* manager) {
         timer_callback = std::bind(&CaBundleManager::TimerCb, manager, std::placeholders::_1);
     }
     std::lock_guard<std::mutex> guard(g_relayMutex);
+    forgetInheritedRelay();
     if (!openSelfPipe()) return false;
     g_relayOwner = manager;
     if (g_relayThread != nullptr) return true;
     try {
         g_relayThread = new std::thread(relayLoop, g_relayReadFd);
+        g_relayPid.store(getpid());
     } catch (const std::exception&) {  // no thread or no memory: no expiry
         return false;
     }
@@ -150,6 +172,11 @@ void create_expiry_timer(CaBundleManager& manager) {
 }
 
 void delete_expiry_timer(CaBundleManager& manager) {
+    // A forked child that exits must not touch what it inherited: a stop
+    // byte would end the parent's relay through the shared pipe, the relay's
+    // locks may have been held by threads that do not exist here, and
+    // timers are not inherited.
+    if (inForkedChild()) return;
     stopRelay(&manager);
     if (!hasTimer(&manager)) return;
     {
