@@ -2,6 +2,7 @@
 // thread; no pool, no backend, no peer verification.
 #include "webclient/easy_web_client.h"
 
+#include "engine/close_on_exec_socket.h"
 #include "engine/handle_renewal.h"
 #include "engine/header_lines.h"
 #include "util/callback_barrier.h"
@@ -58,6 +59,7 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     curl_easy_setopt(h, CURLOPT_TIMEOUT, total_timeout);
     curl_easy_setopt(h, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    (void)webclient::useCloseOnExecSockets(h);
     curl_easy_setopt(h, CURLOPT_MAXREDIRS, 30L);  // older libcurl has no limit
     // HTTP/1.1 as on the other path: the header text stays in one form.
     curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));

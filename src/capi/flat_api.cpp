@@ -172,7 +172,9 @@ int downloadToFile(const char* url, const char* user, const char* password, cons
     if (password != nullptr) param.password = password;
     param.url = url;
     param.headers = header_array_to_vector(headers);
-    FILE* stream = fopen(filePath, "w+");
+    // "e": close-on-exec, so a program the host starts meanwhile does not
+    // keep the half-written file open.
+    FILE* stream = fopen(filePath, "w+e");
     if (stream == nullptr) {
         WC_LOG_ERROR("[webClientDownloa] failed to open file %s", filePath);
         return -1;

@@ -10,6 +10,7 @@
 
 #include <openssl/x509.h>
 
+#include "engine/close_on_exec_socket.h"
 #include "engine/handle_renewal.h"
 #include "engine/header_lines.h"
 #include "engine/url_masking.h"
@@ -130,6 +131,7 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     curl_easy_setopt(handle, CURLOPT_TIMEOUT, kTotalTimeoutSeconds);
     curl_easy_setopt(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    setCheckedOption(request, CURLOPT_OPENSOCKETFUNCTION, &webclient::openCloseOnExecSocket);
     curl_easy_setopt(handle, CURLOPT_MAXREDIRS, kMaxRedirects);
     // libcurl would offer HTTP/2 to every TLS server. Callers read the
     // response header text, which HTTP/2 changes ("HTTP/2 200 " with no

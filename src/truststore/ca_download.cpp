@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "engine/close_on_exec_socket.h"
 #include "truststore/trust_locks.h"
 #include "truststore/truststore_internal.h"
 #include "truststore/truststore_paths.h"
@@ -61,6 +62,7 @@ CURLcode configureDownload(CURL* handle, const std::string& url, DownloadBuffer&
     // A resolver built without threads would time out through SIGALRM,
     // which belongs to the expiry timer.
     if (code == CURLE_OK) code = curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    if (code == CURLE_OK) code = webclient::useCloseOnExecSockets(handle);
     return code;
 }
 

@@ -3,6 +3,10 @@
 // through the exported functions (tests/capi).
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include "support/log_capture.h"
 #include "support/server_util.h"
 #include "support/test_helpers.h"
@@ -31,13 +35,25 @@ TEST_P(BlockingVerbs, HttpErrorsAreAnswersAndHeaderTextIsAppended) {
 }
 
 // Each transfer may get a new easy handle; the origin's open connection must
-// serve the next request all the same.
+// serve the next request all the same, and no program the host starts may
+// inherit it.
 TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
     std::string response, error;
     client.get(url("/echo"), none, response, error, false);
     const int firstPort = lastRequest(server).remote_port;
     client.get(url("/echo"), none, response, error, false);
     EXPECT_EQ(lastRequest(server).remote_port, firstPort);
+    int kept = -1;
+    for (const auto& open : openDescriptors()) {
+        sockaddr_in local{};
+        socklen_t length = sizeof local;
+        if (getsockname(open.first, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
+            local.sin_family == AF_INET && ntohs(local.sin_port) == firstPort) {
+            kept = open.first;
+        }
+    }
+    ASSERT_NE(kept, -1) << "the kept connection's descriptor";
+    EXPECT_NE(fcntl(kept, F_GETFD) & FD_CLOEXEC, 0);
 }
 
 TEST(BlockingVerbFailures, WaitLimitIsReportedOnlyInTheLog) {
