@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -26,7 +27,8 @@ using utilities::lock::lock_guard;
 pthread_once_t child_table_once = PTHREAD_ONCE_INIT;
 pthread_mutex_t child_table_mutex;
 pid_t* child_of_fd = nullptr;  // guarded by child_table_mutex
-int child_table_size = 0;      // written once inside pthread_once
+int child_table_size = 0;      // guarded by child_table_mutex
+bool child_table_made = false; // written once inside pthread_once
 
 void createChildTable() {
     pthread_mutex_init(&child_table_mutex, nullptr);
@@ -34,15 +36,31 @@ void createChildTable() {
     if (size <= 0) return;
     child_of_fd = static_cast<pid_t*>(std::calloc(static_cast<size_t>(size), sizeof(pid_t)));
     if (child_of_fd != nullptr) child_table_size = size;
+    child_table_made = child_of_fd != nullptr;
 }
 
 // False when the table could not be allocated.
 bool ensureChildTable() {
     pthread_once(&child_table_once, createChildTable);
-    return child_of_fd != nullptr;
+    return child_table_made;
 }
 
+// Caller holds child_table_mutex.
 bool inTable(int fd) { return fd > 0 && fd < child_table_size; }
+
+// Grows the table to hold `fd`: the host may raise its descriptor limit
+// after the first popen3, and a pipe numbered above the old limit must not
+// make every later extraction fail. Caller holds child_table_mutex.
+bool makeRoomFor(int fd) {
+    if (fd <= 0 || inTable(fd)) return fd > 0;
+    const int size = std::max(fd + 1, getdtablesize());
+    void* grown = std::realloc(child_of_fd, static_cast<size_t>(size) * sizeof(pid_t));
+    if (grown == nullptr) return false;
+    child_of_fd = static_cast<pid_t*>(grown);
+    std::fill(child_of_fd + child_table_size, child_of_fd + size, 0);
+    child_table_size = size;
+    return true;
+}
 
 // Caller holds child_table_mutex.
 pid_t lookUpChild(const popen3_streams& streams) {
@@ -128,9 +146,8 @@ void registerChild(pid_t pid, std::initializer_list<FILE*> streams) {
 }
 
 void forgetDescriptor(int fd) {
-    if (!inTable(fd)) return;
     lock_guard guard(&child_table_mutex);
-    child_of_fd[fd] = 0;
+    if (inTable(fd)) child_of_fd[fd] = 0;
 }
 
 int waitForChild(pid_t pid) {
@@ -160,8 +177,11 @@ extern "C" popen3_streams popen3(const char* command) {
     if (!ensureChildTable()) return none;
     ChildPipes pipes;
     if (!pipes.open()) return none;
-    for (const UniqueFd* end : {&pipes.inWrite, &pipes.outRead, &pipes.errRead})
-        if (!inTable(end->get())) return none;  // pclose3 could never find the child
+    {
+        lock_guard guard(&child_table_mutex);
+        for (const UniqueFd* end : {&pipes.inWrite, &pipes.outRead, &pipes.errRead})
+            if (!makeRoomFor(end->get())) return none;  // pclose3 could never find the child
+    }
     // Opened before the fork so that a failure here has no child to undo.
     FilePtr childIn = adoptStream(pipes.inWrite, "w");
     FilePtr childOut = adoptStream(pipes.outRead, "r");
