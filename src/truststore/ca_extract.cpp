@@ -123,9 +123,14 @@ struct StreamReader {
 };
 
 // Whether the child has exited, without reaping it: pclose3 does that.
-bool childExited(pid_t pid) {
+// `statusLost` is set when it is gone already, reaped elsewhere (a host that
+// ignores SIGCHLD, or reaps every child itself): its exit status is lost.
+bool childExited(pid_t pid, bool& statusLost) {
     siginfo_t info{};
-    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return true;
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
+        statusLost = statusLost || errno == ECHILD;
+        return true;
+    }
     return info.si_pid == pid;
 }
 
@@ -147,7 +152,8 @@ int millisecondsLeft(Clock::time_point deadline) {
 
 // Reads both streams until both have ended and the child has exited, or
 // until the deadline. False when the deadline passed first.
-bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::time_point deadline) {
+bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::time_point deadline,
+                      bool& statusLost) {
     UniqueFd pidFd(openPidFd(pid));
     bool exited = false;
     while (!(out.done && err.done && exited)) {
@@ -165,7 +171,7 @@ bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::ti
             if (fds[i].fd == out.fd && !out.done) out.readAvailable();
             if (fds[i].fd == err.fd && !err.done) err.readAvailable();
         }
-        if (!exited) exited = childExited(pid);
+        if (!exited) exited = childExited(pid, statusLost);
     }
     return true;
 }
@@ -222,7 +228,8 @@ int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& out
     char errBuffer[kOutputBufferSize] = {};
     StreamReader out(streams.child_out, outBuffer);
     StreamReader err(streams.child_err, errBuffer);
-    const bool finished = collectUntilExit(pid, out, err, deadline);
+    bool statusLost = false;
+    const bool finished = collectUntilExit(pid, out, err, deadline, statusLost);
     if (!finished) {
         WC_LOG_ERROR("[ExtractCa] %s still running after %lld ms, killed", command.c_str(), limitMs);
         killProcessTree(pid);
@@ -232,6 +239,11 @@ int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& out
 
     const int status = pclose3(streams);
     (void)print_exit_code(status);
+    // pclose3 then reports 0, but an unknown verdict is no verification.
+    if (statusLost) {
+        WC_LOG_ERROR("[ExtractCa] %s was reaped elsewhere: exit status unknown, counted as failed", command.c_str());
+        return -1;
+    }
     // A script cut off at the deadline did not finish its job, even if the
     // shell itself had already exited.
     return (!finished && status == 0) ? SIGKILL : status;

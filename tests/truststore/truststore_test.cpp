@@ -190,6 +190,16 @@ TEST_F(TrustStore, RejectedBundlesKeepThePreviousCaFile) {
         EXPECT_EQ(std::distance(fs::directory_iterator(store.cert_dir), fs::directory_iterator()), 1)
             << answer.what << ": no temporary file left";
     }
+    // A host that ignores SIGCHLD has its children reaped by the kernel: the
+    // script's verdict is lost, and a lost verdict is no verification.
+    sandbox.serveBundle(tampered);
+    struct sigaction ignore {}, previous {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGCHLD, &ignore, &previous);
+    refreshCaBundle();
+    sigaction(SIGCHLD, &previous, nullptr);
+    EXPECT_EQ(sandbox.status(), 3);
+    EXPECT_EQ(readWholeFile(kCaBundlePem), "previous\n");
     EXPECT_EQ(handlerCalls, 0);
     EXPECT_TRUE(store.ca_file.empty());
 }
