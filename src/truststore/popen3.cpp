@@ -26,9 +26,9 @@ using utilities::lock::lock_guard;
 // Created once per process by ensureChildTable(), never freed.
 pthread_once_t child_table_once = PTHREAD_ONCE_INIT;
 pthread_mutex_t child_table_mutex;
-pid_t* child_of_fd = nullptr;  // guarded by child_table_mutex
-int child_table_size = 0;      // guarded by child_table_mutex
-bool child_table_made = false; // written once inside pthread_once
+pid_t* child_of_fd = nullptr;   // guarded by child_table_mutex
+int child_table_size = 0;       // guarded by child_table_mutex
+bool child_table_made = false;  // written once inside pthread_once
 
 void createChildTable() {
     pthread_mutex_init(&child_table_mutex, nullptr);
