@@ -122,16 +122,23 @@ struct StreamReader {
     }
 };
 
+// The exit status as seen before pclose3 reaps the child. A host that
+// ignores SIGCHLD, or reaps every child itself, may take the child first;
+// pclose3 then reports 0, so only what was seen here may count.
+struct SeenExit {
+    bool seen = false;
+    int status = 0;  // in waitpid's form
+};
+
 // Whether the child has exited, without reaping it: pclose3 does that.
-// `statusLost` is set when it is gone already, reaped elsewhere (a host that
-// ignores SIGCHLD, or reaps every child itself): its exit status is lost.
-bool childExited(pid_t pid, bool& statusLost) {
+bool childExited(pid_t pid, SeenExit& seen) {
     siginfo_t info{};
-    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
-        statusLost = statusLost || errno == ECHILD;
-        return true;
-    }
-    return info.si_pid == pid;
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return true;
+    if (info.si_pid != pid) return false;
+    seen.seen = true;
+    seen.status = info.si_code == CLD_EXITED ? W_EXITCODE(info.si_status, 0)
+                                             : (info.si_status | (info.si_code == CLD_DUMPED ? WCOREFLAG : 0));
+    return true;
 }
 
 // Through syscall(): older C libraries have no wrapper. -1 when the kernel
@@ -153,7 +160,7 @@ int millisecondsLeft(Clock::time_point deadline) {
 // Reads both streams until both have ended and the child has exited, or
 // until the deadline. False when the deadline passed first.
 bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::time_point deadline,
-                      bool& statusLost) {
+                      SeenExit& seen) {
     UniqueFd pidFd(openPidFd(pid));
     bool exited = false;
     while (!(out.done && err.done && exited)) {
@@ -171,7 +178,7 @@ bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::ti
             if (fds[i].fd == out.fd && !out.done) out.readAvailable();
             if (fds[i].fd == err.fd && !err.done) err.readAvailable();
         }
-        if (!exited) exited = childExited(pid, statusLost);
+        if (!exited) exited = childExited(pid, seen);
     }
     return true;
 }
@@ -228,8 +235,8 @@ int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& out
     char errBuffer[kOutputBufferSize] = {};
     StreamReader out(streams.child_out, outBuffer);
     StreamReader err(streams.child_err, errBuffer);
-    bool statusLost = false;
-    const bool finished = collectUntilExit(pid, out, err, deadline, statusLost);
+    SeenExit seenExit;
+    const bool finished = collectUntilExit(pid, out, err, deadline, seenExit);
     if (!finished) {
         WC_LOG_ERROR("[ExtractCa] %s still running after %lld ms, killed", command.c_str(), limitMs);
         killProcessTree(pid);
@@ -239,10 +246,11 @@ int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& out
 
     const int status = pclose3(streams);
     (void)print_exit_code(status);
-    // pclose3 then reports 0, but an unknown verdict is no verification.
-    if (statusLost) {
-        WC_LOG_ERROR("[ExtractCa] %s was reaped elsewhere: exit status unknown, counted as failed", command.c_str());
-        return -1;
+    // A success pclose3 could not see for itself needs the seen exit; an
+    // unknown verdict is no verification.
+    if (finished && status == 0 && !(seenExit.seen && seenExit.status == 0)) {
+        WC_LOG_ERROR("[ExtractCa] %s was reaped elsewhere: counted as failed", command.c_str());
+        return seenExit.seen ? seenExit.status : -1;
     }
     // A script cut off at the deadline did not finish its job, even if the
     // shell itself had already exited.

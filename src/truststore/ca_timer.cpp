@@ -48,13 +48,26 @@ int g_relayReadFd = -1;  // guarded by g_relayMutex
 
 std::mutex g_callbackMutex;
 std::mutex g_relayMutex;
-// The relay thread belongs to the process that started it: a child made by
-// fork() inherits the pointer and the self-pipe, but not the thread.
-std::atomic<pid_t> g_relayPid{0};
+// The timer, the relay thread and the pipe belong to the process that made
+// them. A child made by fork() inherits the pointers and the pipe, but no
+// timer and no thread, and the locks here may have been held at the fork by
+// threads that do not exist in it.
+std::atomic<pid_t> g_ownerPid{0};
 std::thread* g_relayThread = nullptr;           // guarded by g_relayMutex
 const CaBundleManager* g_relayOwner = nullptr;  // guarded by g_relayMutex
 // Managers whose timer exists (untyped: keeps the instantiation private).
 std::vector<const void*> g_liveTimers;  // guarded by g_relayMutex
+
+void claimForThisProcess() {
+    pid_t none = 0;
+    (void)g_ownerPid.compare_exchange_strong(none, getpid());
+}
+
+// Async-signal-safe: read by `wrapper` too.
+bool inForkedChild() {
+    const pid_t owner = g_ownerPid.load(std::memory_order_relaxed);
+    return owner != 0 && owner != getpid();
+}
 
 bool hasTimer(const CaBundleManager* manager) {
     std::lock_guard<std::mutex> guard(g_relayMutex);
@@ -92,23 +105,6 @@ bool openSelfPipe() {
     return true;
 }
 
-bool inForkedChild() { return g_relayPid.load() != 0 && g_relayPid.load() != getpid(); }
-
-// Caller holds g_relayMutex. In a forked child the inherited relay has no
-// thread behind it, and its pipe leads to the parent's relay: this process
-// gets its own. The thread object is left alone on purpose, since a
-// std::thread that looks joinable cannot be destroyed.
-void forgetInheritedRelay() {
-    if (!inForkedChild()) return;
-    g_relayThread = nullptr;
-    g_relayOwner = nullptr;
-    const int writeFd = g_relayWriteFd.exchange(-1);
-    if (writeFd >= 0) close(writeFd);
-    if (g_relayReadFd >= 0) close(g_relayReadFd);
-    g_relayReadFd = -1;
-    g_relayPid.store(0);
-}
-
 // Binds timer_callback to `manager` and starts the relay thread if none
 // runs. False when the relay cannot run.
 bool startRelay(CaBundleManager* manager) {
@@ -117,13 +113,11 @@ bool startRelay(CaBundleManager* manager) {
         timer_callback = std::bind(&CaBundleManager::TimerCb, manager, std::placeholders::_1);
     }
     std::lock_guard<std::mutex> guard(g_relayMutex);
-    forgetInheritedRelay();
     if (!openSelfPipe()) return false;
     g_relayOwner = manager;
     if (g_relayThread != nullptr) return true;
     try {
         g_relayThread = new std::thread(relayLoop, g_relayReadFd);
-        g_relayPid.store(getpid());
     } catch (const std::exception&) {  // no thread or no memory: no expiry
         return false;
     }
@@ -162,6 +156,7 @@ void stopRelay(const CaBundleManager* manager) {
 namespace truststore {
 
 void create_expiry_timer(CaBundleManager& manager) {
+    claimForThisProcess();
     // No sigevent: expiry is delivered as SIGALRM.
     if (timer_create(CLOCK_REALTIME, nullptr, &manager.timer_id) != 0) {
         WC_LOG_ERROR("[CaBundleManager] timer_create failed. errno: %d", errno);
@@ -173,9 +168,7 @@ void create_expiry_timer(CaBundleManager& manager) {
 
 void delete_expiry_timer(CaBundleManager& manager) {
     // A forked child that exits must not touch what it inherited: a stop
-    // byte would end the parent's relay through the shared pipe, the relay's
-    // locks may have been held by threads that do not exist here, and
-    // timers are not inherited.
+    // byte would end the parent's relay through the shared pipe.
     if (inForkedChild()) return;
     stopRelay(&manager);
     if (!hasTimer(&manager)) return;
@@ -192,7 +185,8 @@ void delete_expiry_timer(CaBundleManager& manager) {
 void wrapper(int signal) {
     const int savedErrno = errno;
     const int fd = g_relayWriteFd.load(std::memory_order_relaxed);
-    if (fd >= 0) {
+    // In a forked child the pipe leads to the parent's relay.
+    if (fd >= 0 && !inForkedChild()) {
         const unsigned char signo = static_cast<unsigned char>(signal);
         const ssize_t written = ::write(fd, &signo, 1);
         (void)written;  // a full pipe already holds a wake-up for the relay
@@ -202,6 +196,11 @@ void wrapper(int signal) {
 
 void CaBundleManager::StartTimer() {
     WC_LOG_DEBUG("%s\n", "StartTimer");
+    if (inForkedChild()) {
+        WC_LOG_ERROR("[StartTimer] the expiry timer stays with the process that made it, not a forked child");
+        return;
+    }
+    claimForThisProcess();
     if (!startRelay(this)) {
         WC_LOG_ERROR("[StartTimer] cannot relay the timer signal. errno: %d", errno);
         return;
@@ -216,7 +215,7 @@ void CaBundleManager::StartTimer() {
 
 void CaBundleManager::StopTimer() {
     WC_LOG_INFO("%s \n", "StopTimer");
-    if (!hasTimer(this)) return;
+    if (inForkedChild() || !hasTimer(this)) return;
     const itimerspec disarmed{};
     (void)timer_settime(timer_id, 0, &disarmed, nullptr);  // disarming a valid timer cannot fail
 }
