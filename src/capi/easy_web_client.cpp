@@ -80,7 +80,7 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     }
     (void)webclient::replaceHeaderList(h, header_list, lines);
     // As for WebRequest: the option follows redirects and yields to a Cookie line.
-    if (!cookie.empty()) curl_easy_setopt(h, CURLOPT_COOKIE, cookie.c_str());
+    if (!cookie.empty()) curl_easy_setopt(h, CURLOPT_COOKIE, webclient::withoutLineEnding(cookie).c_str());
 }
 
 int EasyWebClient::get(std::string const& url, std::string const& user, std::string const& password,

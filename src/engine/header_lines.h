@@ -9,11 +9,22 @@
 
 namespace webclient {
 
-// A CR or LF ends a line on the wire: what follows it would go out as a
-// header line of its own, or as a second request whose answer the next
-// caller on that connection would take for its own. Such text is refused,
-// not sent.
-inline bool holdsLineBreak(const std::string& text) { return text.find_first_of("\r\n") != std::string::npos; }
+// One line ending at the very end is dropped: a caller may hand over
+// complete lines ("X-A: 1\r\n"), which libcurl would send with a second
+// ending, closing the header block early.
+inline std::string withoutLineEnding(std::string text) {
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    if (!text.empty() && text.back() == '\r') text.pop_back();
+    return text;
+}
+
+// A CR or LF anywhere else ends a line on the wire: what follows it would go
+// out as a header line of its own, or as a second request whose answer the
+// next caller on that connection would take for its own. Such text is
+// refused, not sent.
+inline bool holdsLineBreak(const std::string& text) {
+    return withoutLineEnding(text).find_first_of("\r\n") != std::string::npos;
+}
 
 inline bool anyHoldsLineBreak(const std::vector<std::string>& headers, const std::string& cookie) {
     return holdsLineBreak(cookie) || std::any_of(headers.begin(), headers.end(), holdsLineBreak);
@@ -37,7 +48,7 @@ inline bool buildHeaderList(const std::vector<std::string>& headers, curl_slist*
         return true;
     };
     for (const auto& line : headers) {
-        if (!append(line.c_str())) return false;
+        if (!append(withoutLineEnding(line).c_str())) return false;
     }
     return true;
 }

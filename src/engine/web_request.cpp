@@ -152,6 +152,7 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     // http to https hop on the same device keeps its session, where libcurl
     // drops a Cookie line), and a caller's own Cookie line overrides it.
     if (deliverHeaders && !request.cookie.empty()) {
+        request.cookie = webclient::withoutLineEnding(request.cookie);
         setCheckedOption(request, CURLOPT_COOKIE, request.cookie.c_str());
     }
 }

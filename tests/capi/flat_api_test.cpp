@@ -83,6 +83,12 @@ TEST_P(FlatFunctions, GetVariantsReportStatusHeaderTextAndCookie) {
     EXPECT_EQ(server.requests().size(), seenBefore);
     EXPECT_EQ(refused.text, nullptr);
     EXPECT_EQ(code, -1);
+    // A line ending at the very end only is dropped, not doubled on the wire.
+    const char* complete[] = {"X-Complete: yes\r\n", "X-Next: 1", nullptr};
+    Owned sent(webClientGet_ex2(url("/echo").c_str(), nullptr, nullptr, "c=1\r\n", complete, &code, false));
+    EXPECT_EQ(code, 200);
+    EXPECT_EQ(headerOf(lastRequest(server), "X-Next"), "1");
+    EXPECT_EQ(headerOf(lastRequest(server), "Cookie"), "c=1");
     char* rawHeaders = nullptr;
     Owned body(webClientGet_ex(url("/status/404").c_str(), nullptr, nullptr, nullptr, &rawHeaders, false));
     Owned headerText(rawHeaders);
