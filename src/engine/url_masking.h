@@ -61,9 +61,11 @@ inline std::string maskUserinfoPassword(const std::string& text, bool schemeless
 // Control bytes shown as \xNN: a line break inside a caller's URL would
 // otherwise print as a log line of its own, one the URL's author wrote.
 inline std::string escapeControlBytes(const std::string& text) {
+    const auto control = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+    if (std::none_of(text.begin(), text.end(), control)) return text;
     std::string shown;
     for (const unsigned char c : text) {
-        if (c >= 0x20 && c != 0x7f) {
+        if (!control(c)) {
             shown += static_cast<char>(c);
             continue;
         }
@@ -74,6 +76,7 @@ inline std::string escapeControlBytes(const std::string& text) {
 }
 
 inline std::string maskQuery(const std::string& url) {
+    if (url.find('=') == std::string::npos) return url;
     const std::string lower = lowerCase(url);
     if (lower.find("password=") == std::string::npos && lower.find("client_secret=") == std::string::npos) {
         return url;

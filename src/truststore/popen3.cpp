@@ -53,7 +53,8 @@ bool inTable(int fd) { return fd > 0 && fd < child_table_size; }
 // make every later extraction fail. Caller holds child_table_mutex.
 bool makeRoomFor(int fd) {
     if (fd <= 0 || inTable(fd)) return fd > 0;
-    const int size = std::max(fd + 1, getdtablesize());
+    // Doubling, not the descriptor limit: a limit of 2^30 would commit gigabytes.
+    const int size = std::max(fd + 1, 2 * child_table_size);
     void* grown = std::realloc(child_of_fd, static_cast<size_t>(size) * sizeof(pid_t));
     if (grown == nullptr) return false;
     child_of_fd = static_cast<pid_t*>(grown);
