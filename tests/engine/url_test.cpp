@@ -1,22 +1,8 @@
-// What the library reads out of a URL: which path a request takes (a
-// numeric host runs on the transfer thread), and what a log line may show.
+// What a log line may show of a URL. (Which path a URL takes is checked
+// through the both-paths tests: 127.0.0.1 against localhost.)
 #include <gtest/gtest.h>
 
-#include "webclient/host.h"
 #include "webclient/web_request.h"
-
-using kpu_utilities::string_con::IsDomainInUrl;
-
-TEST(IsDomainInUrl, NumericHostsAreNotDomains) {
-    for (const char* url : {"http://127.0.0.1/x", "https://user:pw@10.1.2.3:8443/a?b=c", "http://192.0.2.1",
-                            "https://[::1]:8443/x", "http://[fe80::1]/", "192.0.2.5/path"}) {
-        EXPECT_FALSE(IsDomainInUrl(url)) << url;
-    }
-    for (const char* url : {"http://localhost:80/x", "https://device.example/x", "http://127.1/",
-                            "http://999.1.1.1/", "http://1.2.3.4.5/", "https://a@host:1/"}) {
-        EXPECT_TRUE(IsDomainInUrl(url)) << url;
-    }
-}
 
 TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
     EXPECT_EQ(get_printable_url("https://u:pw@h:1/p?password=2"), "https://u:***@h:1/p?password=***");
