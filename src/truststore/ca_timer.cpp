@@ -200,7 +200,6 @@ void CaBundleManager::StartTimer() {
         WC_LOG_ERROR("[StartTimer] the expiry timer stays with the process that made it, not a forked child");
         return;
     }
-    claimForThisProcess();
     if (!startRelay(this)) {
         WC_LOG_ERROR("[StartTimer] cannot relay the timer signal. errno: %d", errno);
         return;
