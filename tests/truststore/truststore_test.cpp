@@ -33,17 +33,6 @@ namespace {
 // No child at all, running or zombie (a zombie found is reaped, and fails).
 bool noChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
-// Reaps every child that ends within a few seconds; false if any is still
-// running then. With this process a subreaper, orphaned grandchildren count.
-bool allChildrenEnd() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    while (waitpid(-1, nullptr, WNOHANG) != -1) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return errno == ECHILD;
-}
-
 // A shell loop writing `lines` lines of about 60 bytes to descriptor `fd`.
 std::string floodOf(int lines, int fd) {
     return "i=0; while [ $i -lt " + std::to_string(lines) + " ]; do echo \"line $i " + std::string(50, '.') +
@@ -114,7 +103,9 @@ TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
             refreshCaBundle();
         }
         EXPECT_EQ(sandbox.status(), 3) << script;
-        EXPECT_TRUE(allChildrenEnd()) << script;
+        // Reaps each child as it ends; with this process a subreaper,
+        // orphaned grandchildren count.
+        EXPECT_TRUE(eventually(noChildren)) << script;
     }
     EXPECT_EQ(log.countContaining("still running after 5000 ms, killed"), 3u) << "the hung ones only";
     EXPECT_EQ(log.countContaining(" stdout: first out"), 1u);
