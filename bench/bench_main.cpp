@@ -94,13 +94,27 @@ RoundResult runRound(const std::vector<std::string>& origins, double seconds,
     return {static_cast<double>(done) / seconds, (processCpuSeconds() - cpuBefore) * 1e6 / requests};
 }
 
-// Short rounds, library and raw in turn; the medians of the rounds. The
-// CPU row tells whether the rate is bound by work or by waiting.
+// Requests per second of raw libcurl running the four origins' transfers
+// on one thread: what the library's one transfer thread could reach at best.
+double oneThreadRound(const std::vector<std::string>& origins, double seconds) {
+    std::vector<std::string> urls;
+    for (const std::string& origin : origins) urls.push_back(origin + "/1k");
+    const long done = rawOneThreadGets(urls, seconds);
+    if (done < 0) {
+        std::fprintf(stderr, "request failed\n");
+        std::exit(1);
+    }
+    return static_cast<double>(done) / seconds;
+}
+
+// Short rounds, library, raw and raw on one thread in turn; the medians of
+// the rounds. The CPU row tells whether the rate is bound by work or by
+// waiting.
 void parallel(const std::vector<std::string>& origins) {
     std::vector<std::unique_ptr<RawClient>> raws;
     for (size_t i = 0; i < origins.size(); ++i) raws.emplace_back(new RawClient());
     const double roundSeconds = kParallelSeconds / kParallelRounds;
-    std::vector<double> lib, raw, libCpu, rawCpu;
+    std::vector<double> lib, raw, libCpu, rawCpu, oneThread;
     for (int round = 0; round < kParallelRounds; ++round) {
         RoundResult result =
             runRound(origins, roundSeconds, [](int, const std::string& url) { return libraryGet(url); });
@@ -110,9 +124,13 @@ void parallel(const std::vector<std::string>& origins) {
                           [&](int t, const std::string& url) { return raws[t]->get(url) == 1024; });
         raw.push_back(result.requestsPerSecond);
         rawCpu.push_back(result.cpuMicrosPerRequest);
+        oneThread.push_back(oneThreadRound(origins, roundSeconds));
     }
     row("3 four threads, own origins", "requests per second", median(lib), median(raw));
     row("3 four threads, own origins", "client CPU per request (us)", median(libCpu), median(rawCpu));
+    std::printf("| 3 reference: raw libcurl, the same four transfers on one thread (one multi handle) "
+                "| requests per second; ratio against four raw threads | - | %.3f | %.2f |\n",
+                median(oneThread), median(oneThread) / median(raw));
 }
 
 void download(const std::string& base, bool useLibrary) {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 double secondsSince(BenchClock::time_point start) {
@@ -36,14 +37,20 @@ RawClient::RawClient() : handle_(curl_easy_init()) {}
 
 RawClient::~RawClient() { curl_easy_cleanup(handle_); }
 
-long RawClient::get(const std::string& url) {
+void RawClient::prepareGet(const std::string& url) {
+    url_ = url;
     body_.clear();
-    curl_easy_setopt(handle_, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle_, CURLOPT_URL, url_.c_str());
     curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, appendBody);
     curl_easy_setopt(handle_, CURLOPT_WRITEDATA, &body_);
     curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle_, CURLOPT_PRIVATE, this);
+}
+
+long RawClient::get(const std::string& url) {
+    prepareGet(url);
     if (curl_easy_perform(handle_) != CURLE_OK) return -1;
-    return static_cast<long>(body_.size());
+    return received();
 }
 
 long RawClient::download(const std::string& url, const std::string& path) {
@@ -57,6 +64,36 @@ long RawClient::download(const std::string& url, const std::string& path) {
     if (curl_easy_perform(handle_) == CURLE_OK) curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
     std::fclose(out);
     return status;
+}
+
+long rawOneThreadGets(const std::vector<std::string>& urls, double seconds) {
+    CURLM* multi = curl_multi_init();
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (const std::string& url : urls) {
+        clients.emplace_back(new RawClient());
+        clients.back()->prepareGet(url);
+        curl_multi_add_handle(multi, clients.back()->handle());
+    }
+    long done = 0;
+    const auto start = BenchClock::now();
+    while (done >= 0 && secondsSince(start) < seconds) {
+        int running = 0;
+        curl_multi_perform(multi, &running);
+        int queued = 0;
+        while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+            if (message->msg != CURLMSG_DONE) continue;
+            RawClient* client = nullptr;
+            curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &client);
+            done = message->data.result == CURLE_OK && client->received() == 1024 && done >= 0 ? done + 1 : -1;
+            curl_multi_remove_handle(multi, message->easy_handle);
+            client->prepareGet(client->url());
+            curl_multi_add_handle(multi, message->easy_handle);
+        }
+        curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+    }
+    for (auto& client : clients) curl_multi_remove_handle(multi, client->handle());
+    curl_multi_cleanup(multi);
+    return done;
 }
 
 long peakRssKib() {

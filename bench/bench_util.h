@@ -25,11 +25,23 @@ public:
     long get(const std::string& url);
     // GET into a file; returns the HTTP status, or -1 on failure.
     long download(const std::string& url, const std::string& path);
+    // Sets the handle up for a GET into memory without performing it.
+    void prepareGet(const std::string& url);
+    CURL* handle() const { return handle_; }
+    const std::string& url() const { return url_; }
+    long received() const { return static_cast<long>(body_.size()); }
 
 private:
     CURL* handle_;
+    std::string url_;
     std::string body_;
 };
+
+// Raw libcurl driving one transfer per URL from the calling thread through
+// one multi handle, each easy handle added again as soon as it completes,
+// for `seconds`: the most any engine that runs every transfer on one thread
+// can do. Returns the number of completed 1 KiB GETs, or -1 on a failure.
+long rawOneThreadGets(const std::vector<std::string>& urls, double seconds);
 
 // Peak resident set size of this process, in KiB (VmHWM).
 long peakRssKib();
