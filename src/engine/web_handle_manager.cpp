@@ -46,6 +46,22 @@ WebHandlePool WebHandleManager::get_pool;
 WebHandlePool WebHandleManager::other_pool;
 pthread_mutex_t WebHandleManager::lock;
 
+namespace {
+
+// Defined after the two pools, so destroyed just before them when the host
+// calls exit(): from then on the pool hands out nothing, and a host thread
+// still making requests gets an inert one instead of walking a freed map.
+// (`lock` is a plain mutex and outlives every destructor.)
+struct PoolClosedAtExit {
+    ~PoolClosedAtExit() {
+        WebHandleManager* pool = WebHandleManager::getInstance();
+        utilities::lock::lock_guard guard(&WebHandleManager::lock);
+        pool->cleared = true;
+    }
+} poolClosedAtExit;
+
+}  // namespace
+
 WebHandleManager::WebHandleManager() : cleared(false) { pthread_mutex_init(&lock, nullptr); }
 
 WebHandleManager::~WebHandleManager() { pthread_mutex_destroy(&lock); }
@@ -89,6 +105,8 @@ std::shared_ptr<WebHandle> WebHandleManager::GetWebHandle(const std::string& url
 
 void WebHandleManager::ClearWebHandle() {
     utilities::lock::lock_guard guard(&lock);
+    // Cleared pools stay empty; at exit they may already be destroyed.
+    if (cleared) return;
     get_pool.clear();
     other_pool.clear();
     cleared = true;
