@@ -5,6 +5,7 @@
 #include "engine/handle_renewal.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
+#include "util/thread_holds.h"
 #include "webclient/web_handle.h"
 #include "webclient/web_request.h"
 
@@ -37,9 +38,15 @@ WebHandle::~WebHandle() {
     if (share != nullptr) curl_share_cleanup(share);
 }
 
-void WebHandle::Lock() { (void)pthread_mutex_lock(&mutex); }
+void WebHandle::Lock() {
+    (void)pthread_mutex_lock(&mutex);
+    ++webclient::thisThreadHolds().handle_locks;
+}
 
-void WebHandle::Unlock() { (void)pthread_mutex_unlock(&mutex); }
+void WebHandle::Unlock() {
+    --webclient::thisThreadHolds().handle_locks;
+    (void)pthread_mutex_unlock(&mutex);
+}
 
 WebHandleManager* WebHandleManager::_instance = nullptr;
 WebHandlePool WebHandleManager::get_pool;

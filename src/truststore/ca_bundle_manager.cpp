@@ -10,6 +10,7 @@
 #include "truststore/truststore_internal.h"
 #include "truststore/truststore_paths.h"
 #include "util/log.h"
+#include "util/thread_holds.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/host.h"
 
@@ -21,10 +22,12 @@ void takeReadHold(pthread_rwlock_t& lock) {
     // A failed read lock would be "released" later by PutCaFile; all that
     // can be done is to say where it happened.
     if (pthread_rwlock_rdlock(&lock) != 0) print_back_trace();
+    ++webclient::thisThreadHolds().ca_file_holds;
     std::fprintf(stderr, "LOCK_RD gettid(): %d\n", current_thread_id());
 }
 
 void releaseReadHold(pthread_rwlock_t& lock) {
+    --webclient::thisThreadHolds().ca_file_holds;
     (void)pthread_rwlock_unlock(&lock);  // the caller's own hold
     std::fprintf(stderr, "UNLOCK gettid(): %d\n", current_thread_id());
 }

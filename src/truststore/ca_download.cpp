@@ -17,6 +17,7 @@
 #include "truststore/unique_fd.h"
 #include "util/callback_barrier.h"
 #include "util/log.h"
+#include "util/thread_holds.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/host.h"
 
@@ -149,7 +150,17 @@ void handOver(CaBundleManager& manager) {
 }
 
 void extractAndHandOver(CaBundleManager& manager) {
-    LockWrite fileHold(&manager.file_lock);
+    // A thread that keeps a request alive holds that request's handle mutex,
+    // and a secure request of another thread, holding the CA file, may be
+    // waiting for exactly that mutex: such a refresh waits only so long.
+    const bool readersMayWaitForThisThread = webclient::thisThreadHolds().handle_locks > 0;
+    LockWrite fileHold(&manager.file_lock, readersMayWaitForThisThread ? truststore_paths::kCaFileWaitMs : -1);
+    if (readersMayWaitForThisThread && !fileHold.owns()) {
+        WC_LOG_ERROR(" failed to extract CA: the CA file stayed in use for %ld ms",
+                     truststore_paths::kCaFileWaitMs);
+        setStatus(manager, kStatusFailed);
+        return;
+    }
     Lock statusHold(manager.status_mutex);
     if (manager.ExtractCa(truststore_paths::kDownloadedBundle, truststore_paths::kCaBundlePem) != 0) {
         WC_LOG_ERROR(" failed to extract CA");
@@ -179,6 +190,12 @@ size_t WriteMemoryCallback(void* contents, size_t size, size_t nmemb, void* buff
 }
 
 void CaBundleManager::DownloadTask() {
+    // The refresh's write lock would wait for this thread's own read hold
+    // (a secure request it keeps alive) for ever.
+    if (webclient::thisThreadHolds().ca_file_holds > 0) {
+        WC_LOG_ERROR("[DownloadTask] this thread still holds the CA file; no refresh");
+        return;
+    }
     bool useDefault = false;
     if (!claimRefresh(*this, useDefault)) return;
     // Nothing may be thrown to callers, and a refresh must not stay

@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <ctime>
 
 namespace truststore {
 
@@ -19,9 +21,27 @@ Lock::~Lock() noexcept {
     if (owns_) (void)pthread_mutex_unlock(&mutex_);
 }
 
-LockWrite::LockWrite(pthread_rwlock_t* rwlock) noexcept : rwlock_(rwlock), owns_(true) {
+namespace {
+
+int takeWriteLock(pthread_rwlock_t* rwlock, long giveUpAfterMs) {
+    if (rwlock == nullptr) return EINVAL;
+    if (giveUpAfterMs < 0) return pthread_rwlock_wrlock(rwlock);
+    timespec giveUpAt{};
+    clock_gettime(CLOCK_MONOTONIC, &giveUpAt);
+    giveUpAt.tv_sec += giveUpAfterMs / 1000;
+    giveUpAt.tv_nsec += (giveUpAfterMs % 1000) * 1000000L;
+    if (giveUpAt.tv_nsec >= 1000000000L) {
+        giveUpAt.tv_sec += 1;
+        giveUpAt.tv_nsec -= 1000000000L;
+    }
+    return pthread_rwlock_clockwrlock(rwlock, CLOCK_MONOTONIC, &giveUpAt);
+}
+
+}  // namespace
+
+LockWrite::LockWrite(pthread_rwlock_t* rwlock, long giveUpAfterMs) noexcept : rwlock_(rwlock), owns_(true) {
     std::fprintf(stderr, "%s gettid(): %d\n", "LockWrite", current_thread_id());
-    if (rwlock_ == nullptr || pthread_rwlock_wrlock(rwlock_) != 0) owns_ = false;
+    if (takeWriteLock(rwlock_, giveUpAfterMs) != 0) owns_ = false;
 }
 
 LockWrite::~LockWrite() noexcept {

@@ -24,11 +24,13 @@ private:
 };
 
 // Holds the write side of a reader/writer lock for its scope. Traces
-// "LockWrite gettid(): <tid>" / "~LockWrite gettid(): <tid>".
+// "LockWrite gettid(): <tid>" / "~LockWrite gettid(): <tid>". With
+// `giveUpAfterMs` at 0 or more it stops waiting then; owns() tells.
 class LockWrite {
 public:
-    explicit LockWrite(pthread_rwlock_t* rwlock) noexcept;
+    explicit LockWrite(pthread_rwlock_t* rwlock, long giveUpAfterMs = -1) noexcept;
     ~LockWrite() noexcept;
+    bool owns() const noexcept { return owns_; }
     LockWrite(const LockWrite&) = delete;
     LockWrite& operator=(const LockWrite&) = delete;
 

@@ -6,11 +6,15 @@
 #ifndef WEBCLIENT_EXTRACT_TIMEOUT_MS
 #define WEBCLIENT_EXTRACT_TIMEOUT_MS 120000
 #endif
+#ifndef WEBCLIENT_CA_FILE_WAIT_MS
+#define WEBCLIENT_CA_FILE_WAIT_MS 30000
+#endif
 
 namespace truststore_paths {
 
 const char* const kRoot = WEBCLIENT_TRUSTSTORE_ROOT;
 const long kExtractScriptTimeoutMs = WEBCLIENT_EXTRACT_TIMEOUT_MS;
+const long kCaFileWaitMs = WEBCLIENT_CA_FILE_WAIT_MS;
 const char* const kCertDir = WEBCLIENT_TRUSTSTORE_ROOT "/mnt/flash/system/third_party/tranvik/sync/certs/";
 const char* const kCaBundlePem =
     WEBCLIENT_TRUSTSTORE_ROOT "/mnt/flash/system/third_party/tranvik/sync/certs/ca-bundle.pem";

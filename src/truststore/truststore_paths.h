@@ -1,8 +1,8 @@
-// The trust store's build-time settings: its fixed paths and the time limit
-// of the extraction script. They are exact in the shipped library; the test
-// build compiles truststore_paths.cpp with WEBCLIENT_TRUSTSTORE_ROOT set to a
-// directory under the build tree, which is prepended to every path, and
-// with a short script time limit so that a hung script is tested quickly.
+// The trust store's build-time settings: its fixed paths and two time
+// limits. They are exact in the shipped library; the test build compiles
+// truststore_paths.cpp with WEBCLIENT_TRUSTSTORE_ROOT set to a directory
+// under the build tree, which is prepended to every path, and with short
+// limits so that a hung script or a stuck wait is tested quickly.
 #pragma once
 
 namespace truststore_paths {
@@ -20,5 +20,10 @@ extern const char* const kRoot;               // the prefix ("" when shipped)
 // otherwise keep the CA file's write lock, and with it every secure request
 // of the host, for ever.
 extern const long kExtractScriptTimeoutMs;
+// How long a refresh made by a thread that keeps a request alive waits for
+// the CA file's readers to go (30 s when shipped). That thread holds its
+// request's handle mutex, and a reader may be waiting for exactly that
+// mutex: without a limit both would wait for ever.
+extern const long kCaFileWaitMs;
 
 }  // namespace truststore_paths

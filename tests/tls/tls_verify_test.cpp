@@ -129,6 +129,54 @@ TEST_F(Tls, SecureRequestHoldsTheCaFileUntilDestroyed) {
     EXPECT_FALSE(sandbox.caFileHeld());
 }
 
+// A refresh waits for every read hold on the CA file. With the file gone,
+// the refresh a secure request starts must not wait for a hold of its own
+// thread, nor for a thread that waits for the handle this request holds.
+TEST_F(Tls, RefreshesThatWouldWaitForTheirOwnThreadGiveUp) {
+    TestServer two(pki.tls("server"), "127.0.0.2");
+    TestServer three(pki.tls("server"), "127.0.0.3");
+    sandbox.serveBundle(sandbox.makeBundle({pki.file("ca.pem")}));
+    const auto run = [](WebRequest& request) {
+        request.getAsync(noHeaders, ignore, {});
+        request.wait(10000);
+        return request.impl->result;
+    };
+    LogCapture log;
+    sandbox.store().ca_file = "/nonexistent/ca.pem";
+    auto oneThread = std::async(std::launch::async, [&] {
+        WebRequest kept(two.url("127.0.0.2", "/echo"), "GET", true);
+        EXPECT_EQ(run(kept), CURLE_OK) << "the first refresh installs the bundle";
+        std::filesystem::remove(sandbox.store().ca_file);
+        WebRequest other(three.url("127.0.0.3", "/echo"), "GET", true);
+        EXPECT_NE(run(other), CURLE_OK);
+    });
+    ASSERT_EQ(oneThread.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(log.count("[DownloadTask] this thread still holds the CA file; no refresh"), 1u);
+
+    sandbox.store().ca_file = pki.file("ca.pem");
+    std::promise<void> holding, refresherHasHandle;
+    auto reader = std::async(std::launch::async, [&] {
+        WebRequest kept(three.url("127.0.0.3", "/echo"), "GET", true);
+        EXPECT_EQ(run(kept), CURLE_OK);
+        holding.set_value();
+        refresherHasHandle.get_future().wait();
+        WebRequest sameOrigin(two.url("127.0.0.2", "/echo"), "GET", true);  // waits for the handle
+        run(sameOrigin);
+    });
+    holding.get_future().wait();
+    sandbox.store().ca_file = "/nonexistent/ca.pem";
+    auto refresher = std::async(std::launch::async, [&] {
+        WebRequest request(two.url("127.0.0.2", "/echo"), "GET", true);
+        refresherHasHandle.set_value();
+        EXPECT_NE(run(request), CURLE_OK);
+    });
+    ASSERT_EQ(refresher.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    ASSERT_EQ(reader.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(log.count(" failed to extract CA: the CA file stayed in use for 2000 ms"), 1u);
+    EXPECT_EQ(sandbox.status(), 3);
+    EXPECT_FALSE(sandbox.caFileHeld());
+}
+
 TEST_P(TlsVerify, FirstAttemptFailsThenRefreshedBundleVerifies) {
     const std::string host = GetParam();
     TestServer server(pki.tls("server"), host == "localhost" ? "127.0.0.1" : host);

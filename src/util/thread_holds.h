@@ -1,0 +1,17 @@
+// What the calling thread holds of the library's long-lived locks: the
+// handle mutexes of the requests it keeps alive and its read holds on the
+// CA file. A refresh needs the CA file's write lock, which waits for every
+// read hold; before it waits, it asks what this thread holds, since a
+// reader may be waiting for one of those very locks (or be this thread).
+#pragma once
+
+namespace webclient {
+
+struct ThreadHolds {
+    int handle_locks = 0;   // pooled handles locked by this thread's requests
+    int ca_file_holds = 0;  // read holds left by GetCaFile, not yet put back
+};
+
+ThreadHolds& thisThreadHolds() noexcept;
+
+}  // namespace webclient
