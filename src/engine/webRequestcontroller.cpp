@@ -16,6 +16,7 @@
 #include "util/callback_barrier.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
+#include "util/thread_holds.h"
 #include "webclient/exception.h"
 #include "webclient/host.h"
 
@@ -71,14 +72,18 @@ template <Access kAccess>
 class MultiLockGuard {
 public:
     explicit MultiLockGuard(pthread_rwlock_t* rwlock) noexcept : rwlock_(rwlock) {
-        if (webclient::yieldUntil([this] { return tryLock() == 0; }, kMultiLockRetryMicroseconds)) return;
-        if (lock() != 0) {
+        if (!webclient::yieldUntil([this] { return tryLock() == 0; }, kMultiLockRetryMicroseconds) &&
+            lock() != 0) {
             rwlock_ = nullptr;
             print_back_trace();
+            return;
         }
+        ++webclient::thisThreadHolds().multi_locks;
     }
     ~MultiLockGuard() noexcept {
-        if (rwlock_ != nullptr) (void)pthread_rwlock_unlock(rwlock_);
+        if (rwlock_ == nullptr) return;
+        --webclient::thisThreadHolds().multi_locks;
+        (void)pthread_rwlock_unlock(rwlock_);
     }
     MultiLockGuard(const MultiLockGuard&) = delete;
     MultiLockGuard& operator=(const MultiLockGuard&) = delete;

@@ -149,6 +149,17 @@ void handOver(CaBundleManager& manager) {
     WC_LOG_ERROR(" failed to install CA to switch");
 }
 
+// The refresh's write lock waits for every secure request to be destroyed:
+// it would wait for ever for this thread's own read hold (a secure request
+// it keeps alive), and inside a transfer callback, whose thread holds the
+// multi lock that a secure request's destructor needs.
+const char* reasonNotToRefresh() {
+    const webclient::ThreadHolds& holds = webclient::thisThreadHolds();
+    if (holds.ca_file_holds > 0) return "this thread still holds the CA file";
+    if (holds.multi_locks > 0) return "called inside a transfer callback";
+    return nullptr;
+}
+
 void extractAndHandOver(CaBundleManager& manager) {
     // A thread that keeps a request alive holds that request's handle mutex,
     // and a secure request of another thread, holding the CA file, may be
@@ -190,10 +201,8 @@ size_t WriteMemoryCallback(void* contents, size_t size, size_t nmemb, void* buff
 }
 
 void CaBundleManager::DownloadTask() {
-    // The refresh's write lock would wait for this thread's own read hold
-    // (a secure request it keeps alive) for ever.
-    if (webclient::thisThreadHolds().ca_file_holds > 0) {
-        WC_LOG_ERROR("[DownloadTask] this thread still holds the CA file; no refresh");
+    if (const char* reason = reasonNotToRefresh()) {
+        WC_LOG_ERROR("[DownloadTask] %s; no refresh", reason);
         return;
     }
     bool useDefault = false;

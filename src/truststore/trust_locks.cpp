@@ -23,18 +23,20 @@ Lock::~Lock() noexcept {
 
 namespace {
 
+// The realtime clock, as the timed write lock takes it: a clock step only
+// moves when a wait that is a backstop anyway gives up.
 int takeWriteLock(pthread_rwlock_t* rwlock, long giveUpAfterMs) {
     if (rwlock == nullptr) return EINVAL;
     if (giveUpAfterMs < 0) return pthread_rwlock_wrlock(rwlock);
     timespec giveUpAt{};
-    clock_gettime(CLOCK_MONOTONIC, &giveUpAt);
+    clock_gettime(CLOCK_REALTIME, &giveUpAt);
     giveUpAt.tv_sec += giveUpAfterMs / 1000;
     giveUpAt.tv_nsec += (giveUpAfterMs % 1000) * 1000000L;
     if (giveUpAt.tv_nsec >= 1000000000L) {
         giveUpAt.tv_sec += 1;
         giveUpAt.tv_nsec -= 1000000000L;
     }
-    return pthread_rwlock_clockwrlock(rwlock, CLOCK_MONOTONIC, &giveUpAt);
+    return pthread_rwlock_timedwrlock(rwlock, &giveUpAt);
 }
 
 }  // namespace

@@ -129,9 +129,9 @@ TEST_F(Tls, SecureRequestHoldsTheCaFileUntilDestroyed) {
     EXPECT_FALSE(sandbox.caFileHeld());
 }
 
-// A refresh waits for every read hold on the CA file. With the file gone,
-// the refresh a secure request starts must not wait for a hold of its own
-// thread, nor for a thread that waits for the handle this request holds.
+// A refresh waits for every read hold on the CA file. It must not wait for
+// a hold of its own thread, nor inside a transfer callback, nor (with the
+// file gone) for a thread that waits for the handle this request holds.
 TEST_F(Tls, RefreshesThatWouldWaitForTheirOwnThreadGiveUp) {
     TestServer two(pki.tls("server"), "127.0.0.2");
     TestServer three(pki.tls("server"), "127.0.0.3");
@@ -144,14 +144,29 @@ TEST_F(Tls, RefreshesThatWouldWaitForTheirOwnThreadGiveUp) {
     LogCapture log;
     sandbox.store().ca_file = "/nonexistent/ca.pem";
     auto oneThread = std::async(std::launch::async, [&] {
-        WebRequest kept(two.url("127.0.0.2", "/echo"), "GET", true);
-        EXPECT_EQ(run(kept), CURLE_OK) << "the first refresh installs the bundle";
-        std::filesystem::remove(sandbox.store().ca_file);
-        WebRequest other(three.url("127.0.0.3", "/echo"), "GET", true);
-        EXPECT_NE(run(other), CURLE_OK);
+        {
+            WebRequest kept(two.url("127.0.0.2", "/echo"), "GET", true);
+            EXPECT_EQ(run(kept), CURLE_OK) << "the first refresh installs the bundle";
+            std::filesystem::remove(sandbox.store().ca_file);
+            WebRequest other(three.url("127.0.0.3", "/echo"), "GET", true);
+            EXPECT_NE(run(other), CURLE_OK);
+        }
+        refreshCaBundle();  // both holds are given back: this one runs
     });
     ASSERT_EQ(oneThread.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_EQ(log.count("[DownloadTask] this thread still holds the CA file; no refresh"), 1u);
+    EXPECT_EQ(sandbox.downloadsSeen(), 2);
+
+    // The transfer thread holds the multi lock that the request's
+    // destructor needs, while the refresh would wait for that request.
+    auto inCallback = std::async(std::launch::async, [&] {
+        WebRequest request(two.url("127.0.0.2", "/echo"), "GET", true);
+        request.getAsync(noHeaders, [](std::shared_ptr<DataReceivedEventArgs>) { refreshCaBundle(); }, {});
+        request.wait(10000);
+        EXPECT_EQ(request.impl->result, CURLE_OK);
+    });
+    ASSERT_EQ(inCallback.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(log.count("[DownloadTask] called inside a transfer callback; no refresh"), 1u);
 
     sandbox.store().ca_file = pki.file("ca.pem");
     std::promise<void> holding, refresherHasHandle;
