@@ -12,6 +12,7 @@
 #include "engine/web_request_impl.h"
 #include "util/callback_barrier.h"
 #include "util/log.h"
+#include "util/thread_holds.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/host.h"
 
@@ -89,8 +90,12 @@ void WebRequest::setupSecureRequest() {
     // back one, and a second GetCaFile could wait for a refresh that waits
     // for this thread's own first hold.
     if (!impl->holds_ca_file) {
+        // Counted, since a hold that cannot be had (the thread replacing the
+        // file) leaves nothing for the destructor to give back.
+        const int& holds = webclient::thisThreadHolds().ca_file_holds;
+        const int before = holds;
         ca_file = trustStore->GetCaFile();
-        impl->holds_ca_file = true;  // released by the destructor
+        impl->holds_ca_file = holds > before;
     }
     if (certDir.empty()) handleError();
     const CURLcode code = applySecureOptions(*this, certDir);

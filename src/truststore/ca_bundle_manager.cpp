@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "truststore/trust_locks.h"
@@ -18,18 +19,39 @@ namespace {
 
 using truststore::current_thread_id;
 
-void takeReadHold(pthread_rwlock_t& lock) {
-    // A failed read lock would be "released" later by PutCaFile; all that
-    // can be done is to say where it happened.
-    if (pthread_rwlock_rdlock(&lock) != 0) print_back_trace();
+// False, with nothing to give back, when the hold cannot be had. The
+// thread replacing the file (its CA handler calling back) must not even try:
+// its read lock fails, and a later "release" would free its write lock.
+bool takeReadHold(pthread_rwlock_t& lock) {
+    if (webclient::thisThreadHolds().ca_file_writes > 0) {
+        WC_LOG_ERROR(" cannot hold the CA file: this thread is replacing it");
+        return false;
+    }
+    const int error = pthread_rwlock_rdlock(&lock);
+    if (error != 0) {
+        WC_LOG_ERROR(" cannot hold the CA file: %s", std::strerror(error));
+        print_back_trace();
+        return false;
+    }
     ++webclient::thisThreadHolds().ca_file_holds;
     std::fprintf(stderr, "LOCK_RD gettid(): %d\n", current_thread_id());
+    return true;
 }
 
 void releaseReadHold(pthread_rwlock_t& lock) {
     --webclient::thisThreadHolds().ca_file_holds;
     (void)pthread_rwlock_unlock(&lock);  // the caller's own hold
     std::fprintf(stderr, "UNLOCK gettid(): %d\n", current_thread_id());
+}
+
+// The path as read under a hold; a copy that throws gives the hold back.
+std::string copyHeldPath(const std::string& path, pthread_rwlock_t& lock) {
+    try {
+        return path;
+    } catch (...) {
+        releaseReadHold(lock);
+        throw;
+    }
 }
 
 bool fileExists(const std::string& path) {
@@ -70,22 +92,27 @@ void CaBundleManager::UpdateCaFile() {
 }
 
 std::string CaBundleManager::GetCaFile() {
-    takeReadHold(file_lock);
+    if (!takeReadHold(file_lock)) return std::string();
     if (fileExists(ca_file)) {
         WC_LOG_DEBUG(" Got CaFile");
-        return ca_file;
+        return copyHeldPath(ca_file, file_lock);
     }
     // The refresh takes file_lock for writing: our own hold must go first.
     const std::string missing = ca_file;
     releaseReadHold(file_lock);
     WC_LOG_INFO(" Do not get CaFile at: %s", missing.c_str());
     DownloadTask();
-    takeReadHold(file_lock);
-    return ca_file;
+    if (!takeReadHold(file_lock)) return std::string();
+    return copyHeldPath(ca_file, file_lock);
 }
 
 void CaBundleManager::PutCaFile() {
     WC_LOG_DEBUG("PutCaFile");
+    // This thread's hold would be its refresh's write lock, not a read hold.
+    if (webclient::thisThreadHolds().ca_file_writes > 0) {
+        WC_LOG_ERROR("PutCaFile called while this thread replaces the CA file; nothing released");
+        return;
+    }
     releaseReadHold(file_lock);
 }
 

@@ -155,6 +155,7 @@ void handOver(CaBundleManager& manager) {
 // multi lock that a secure request's destructor needs.
 const char* reasonNotToRefresh() {
     const webclient::ThreadHolds& holds = webclient::thisThreadHolds();
+    if (holds.ca_file_writes > 0) return "called while this thread replaces the CA file";
     if (holds.ca_file_holds > 0) return "this thread still holds the CA file";
     if (holds.multi_locks > 0) return "called inside a transfer callback";
     return nullptr;
@@ -172,6 +173,9 @@ void extractAndHandOver(CaBundleManager& manager) {
         setStatus(manager, kStatusFailed);
         return;
     }
+    // The host's handler runs under this hold; what it asks of the trust
+    // store in breach of its contract is refused rather than deadlocked.
+    webclient::CountedHold writing(webclient::thisThreadHolds().ca_file_writes);
     Lock statusHold(manager.status_mutex);
     if (manager.ExtractCa(truststore_paths::kDownloadedBundle, truststore_paths::kCaBundlePem) != 0) {
         WC_LOG_ERROR(" failed to extract CA");

@@ -192,6 +192,38 @@ TEST_F(Tls, RefreshesThatWouldWaitForTheirOwnThreadGiveUp) {
     EXPECT_FALSE(sandbox.caFileHeld());
 }
 
+// The handler runs while its thread replaces the CA file, so it must not
+// call back; a secure request made from there anyway gets no CA file and
+// fails, instead of a read hold that was never taken and whose "release"
+// would free the refresh's write lock.
+TEST_F(Tls, SecureRequestFromTheCaHandlerFailsAndLeavesTheLockIntact) {
+    TestServer numeric(pki.tls("server"), "127.0.0.2"), named(pki.tls("server"), "127.0.0.1");
+    sandbox.serveBundle(sandbox.makeBundle({pki.file("ca.pem")}));
+    LogCapture log;
+    std::vector<int> codesInHandler;
+    registerCAhandler([&](const char*) {
+        for (const std::string& url : {numeric.url("127.0.0.2", "/echo"), named.url("localhost", "/echo")}) {
+            WebClient client;
+            std::string body, error;
+            int code = 0;
+            client.get(url, "", "", noHeaders, body, &code, error, true);
+            codesInHandler.push_back(code);
+        }
+        return 0;
+    });
+    auto refresh = std::async(std::launch::async, [] { refreshCaBundle(); });
+    ASSERT_EQ(refresh.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(codesInHandler, std::vector<int>(2, 0)) << "no answer from either path";
+    EXPECT_GE(log.count(" cannot hold the CA file: this thread is replacing it"), 2u);
+    EXPECT_GE(log.count("[DownloadTask] called while this thread replaces the CA file; no refresh"), 2u);
+    EXPECT_EQ(sandbox.status(), 2);
+    EXPECT_FALSE(sandbox.caFileHeld());
+    registerCAhandler({});
+    refreshCaBundle();
+    EXPECT_EQ(sandbox.status(), 2);
+    EXPECT_EQ(get("server", "127.0.0.2"), CURLE_OK);
+}
+
 TEST_P(TlsVerify, FirstAttemptFailsThenRefreshedBundleVerifies) {
     const std::string host = GetParam();
     TestServer server(pki.tls("server"), host == "localhost" ? "127.0.0.1" : host);
