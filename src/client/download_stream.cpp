@@ -4,6 +4,7 @@
 #include <json-c/json.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -62,10 +63,12 @@ void recordProgress(download_param& param, DataReceivedEventArgs& chunk, size_t 
                      param.image_name.c_str());
         chunk.cancel = true;
     }
-    // A divisor the host left at 0 would make every later report Infinity,
-    // which is not JSON; downloadStream has already said so in the log.
+    // A divisor the host left at 0 (or one so small that the quotient
+    // overflows) would make this and every later report Infinity, which is
+    // not JSON; downloadStream has already said so in the log for 0.
     if (!(param.progress_divisor > 0.0)) return;
     const double percentage = entry.downloaded / entry.total / param.progress_divisor + total_percentage;
+    if (!std::isfinite(percentage)) return;
     if (entry.downloaded == entry.total) total_percentage = percentage;
     if (percentage - entry.last_reported < kReportStep) return;
     entry.last_reported = percentage;

@@ -124,5 +124,8 @@ TEST_F(ProgressJob, WriteFailuresAndUnusableArgumentsEndTheDownload) {
     EXPECT_EQ(code, 200);
     EXPECT_EQ(log.count("[downloadStream] progress_divisor is not positive: no progress reports for nodiv"), 1u);
     EXPECT_TRUE(percentages.empty()) << "a zero divisor would report Infinity, which is not JSON";
+    download_param tinyDivisor = job("/bytes/200000", "tiny", 1e-320);  // the quotient overflows
+    EXPECT_EQ(client.downloadStream(&tinyDivisor, openForWriting(out.path()), &code, false), "");
+    EXPECT_TRUE(percentages.empty());
     EXPECT_DOUBLE_EQ(total_percentage, 0.0);
 }
