@@ -4,18 +4,19 @@
 # usage: bench/run_bench.sh [BUILD_DIR]   (default: build-bench, built here; a
 #        given BUILD_DIR must already hold the benchmark)
 set -euo pipefail
+given=${1:-}
+if [ -n "$given" ]; then given=$(cd "$given" && pwd); fi  # as the caller named it
 cd "$(dirname "$0")/.."
-root=$PWD
 bash scripts/setup.sh
 if ! command -v nginx >/dev/null; then
   apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq nginx-light >/dev/null
 fi
-build=${1:-build-bench}
-if [ "$#" -eq 0 ]; then
+build=${given:-$PWD/build-bench}
+if [ -z "$given" ]; then
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DWEBCLIENT_BUILD_TESTS=OFF >/dev/null
   cmake --build "$build" -j "$(nproc)" --target webclient_bench >/dev/null
 fi
-bench="$root/$build/bench/webclient_bench"
+bench="$build/bench/webclient_bench"
 if [ ! -x "$bench" ]; then
   echo "run_bench.sh: $bench not found; run without arguments to build it" >&2
   exit 1

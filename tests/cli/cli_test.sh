@@ -4,37 +4,66 @@
 set -uo pipefail
 cli=$1
 failures=0
+server=""
+dir=$(mktemp -d)
+trap 'kill $server 2>/dev/null; rm -rf "$dir"' EXIT
+out=$dir/out err=$dir/err
 expect() {  # expect STATUS DESCRIPTION COMMAND...
   local want=$1 what=$2
   shift 2
-  "$@" >/tmp/cli_test.out 2>/tmp/cli_test.err
+  "$@" >"$out" 2>"$err"
   local got=$?
   if [ "$got" -ne "$want" ]; then
-    echo "FAIL: $what: exit $got, expected $want"; cat /tmp/cli_test.err; failures=$((failures + 1))
+    echo "FAIL: $what: exit $got, expected $want"; cat "$err"; failures=$((failures + 1))
   fi
 }
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 expect 64 "unknown command" "$cli" frobnicate
-grep -q "unknown command 'frobnicate'" /tmp/cli_test.err || { echo "FAIL: no usage message"; failures=$((failures + 1)); }
+grep -q "unknown command 'frobnicate'" "$err" || fail "no usage message"
 expect 64 "missing URL" "$cli" get
 expect 64 "data on a GET" "$cli" get -d x http://127.0.0.1:1/
 expect 0 "help" "$cli" --help
 expect 0 "verb help" "$cli" upload --help
 expect 2 "refused connection" "$cli" get http://127.0.0.1:1/
-grep -q "^error: " /tmp/cli_test.err || { echo "FAIL: no libcurl error text"; failures=$((failures + 1)); }
+grep -q "^error: " "$err" || fail "no libcurl error text"
+expect 64 "a directory as the body" "$cli" post --data-file / http://127.0.0.1:1/
+expect 64 "a field given twice" "$cli" upload -F a=1 -F a=2 -F f=@/etc/hostname http://127.0.0.1:1/
+expect 64 "a cookie on a POST" "$cli" post -d x --cookie sid=1 http://127.0.0.1:1/
 
-dir=$(mktemp -d)
-trap 'kill $server 2>/dev/null; rm -rf "$dir"' EXIT
 printf 'hello' > "$dir/hello.txt"
-python3 -m http.server 0 --bind 127.0.0.1 --directory "$dir" > "$dir/server.log" 2>&1 &
+# Files from the directory, and /whoami answers with the Authorization header.
+python3 - "$dir" > "$dir/server.log" 2>&1 <<'PY' &
+import functools, http.server, sys
+class Handler(http.server.SimpleHTTPRequestHandler):
+    def do_GET(self):
+        if self.path != "/whoami":
+            return super().do_GET()
+        body = (self.headers.get("Authorization") or "none").encode()
+        self.send_response(200)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)
+server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), functools.partial(Handler, directory=sys.argv[1]))
+print("port", server.server_port, flush=True)
+server.serve_forever()
+PY
 server=$!
 for _ in $(seq 100); do port=$(grep -o 'port [0-9]*' "$dir/server.log" | grep -o '[0-9]*'); [ -n "$port" ] && break; sleep 0.1; done
 expect 0 "GET by name" "$cli" get "http://localhost:$port/hello.txt"
-[ "$(cat /tmp/cli_test.out)" = "hello" ] || { echo "FAIL: body not on stdout"; failures=$((failures + 1)); }
+[ "$(cat "$out")" = "hello" ] || fail "body not on stdout"
 expect 1 "404 by name" "$cli" get "http://localhost:$port/missing"
+expect 2 "stdout on a full disk" sh -c '"$0" get "$1" > /dev/full' "$cli" "http://localhost:$port/hello.txt"
 expect 0 "download" "$cli" download -o "$dir/copy.txt" "http://localhost:$port/hello.txt"
-cmp -s "$dir/hello.txt" "$dir/copy.txt" || { echo "FAIL: downloaded file differs"; failures=$((failures + 1)); }
+cmp -s "$dir/hello.txt" "$dir/copy.txt" || fail "downloaded file differs"
+# A failed download leaves the file it would have replaced, and nothing else.
+expect 1 "download of a missing file" "$cli" download -o "$dir/copy.txt" "http://localhost:$port/missing"
+expect 2 "download refused" "$cli" download -o "$dir/copy.txt" http://localhost:1/
+cmp -s "$dir/hello.txt" "$dir/copy.txt" || fail "a failed download replaced the file"
+[ "$(ls -A "$dir" | grep -c copy)" -eq 1 ] || fail "a failed download left a temporary file"
+expect 0 "download with credentials" "$cli" download -u admin:pw -o "$dir/who.txt" "http://localhost:$port/whoami"
+[ "$(cat "$dir/who.txt")" = "Basic YWRtaW46cHc=" ] || fail "download -u sent no credentials"
 
 expect 0 "demo" "$cli" demo
-grep -q "demo finished: every step behaved as expected" /tmp/cli_test.out || { echo "FAIL: demo"; failures=$((failures + 1)); }
+grep -q "demo finished: every step behaved as expected" "$out" || fail "demo"
 echo "cli: $failures failure(s)"
 [ "$failures" -eq 0 ]

@@ -13,7 +13,7 @@ prefix="$work/prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
 test -L "$prefix/lib/libwebclient.so"
 ls "$prefix"/lib/libwebclient.so.1* >/dev/null
-test -x "$prefix/bin/webclient"
+env -u LD_LIBRARY_PATH "$prefix/bin/webclient" --help >/dev/null
 test -x "$prefix/share/webclient/extract_ca_bundle.sh"
 
 cmake -S "$here" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null

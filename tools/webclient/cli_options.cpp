@@ -1,9 +1,11 @@
 #include "cli_options.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <set>
-#include <sstream>
 
 namespace {
 
@@ -12,13 +14,18 @@ const std::set<std::string> kVerbs = {"get", "post", "put", "patch", "delete",
 const std::set<std::string> kBodyVerbs = {"post", "put", "patch"};
 
 bool readFile(const std::string& path, std::string& contents) {
+    // A directory opens, reads as nothing, and would be sent as an empty body.
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0 || S_ISDIR(info.st_mode)) return false;
     std::ifstream in(path, std::ios::binary);
     if (!in) return false;
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    contents = buffer.str();
-    return true;
+    contents.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return !in.bad();
 }
+
+// Secrets given on the command line stay visible in the process list for
+// as long as the program runs; the copy is taken, the original blanked.
+void blankArgument(char* argument) { std::memset(argument, ' ', std::strlen(argument)); }
 
 // "-F name=value" adds a form field; "-F name=@path" names the file part.
 bool addFormEntry(const std::string& entry, CliOptions& options, std::string& error) {
@@ -35,8 +42,10 @@ bool addFormEntry(const std::string& entry, CliOptions& options, std::string& er
         }
         options.fileField = name;
         options.filePath = value.substr(1);
-    } else {
-        options.formFields[name] = value;
+    } else if (!options.formFields.emplace(name, value).second) {
+        // The library takes the fields as a map: one value per name.
+        error = "form field '" + name + "' given twice";
+        return false;
     }
     return true;
 }
@@ -70,12 +79,14 @@ bool parseOption(int argc, char** argv, int& i, CliOptions& options, std::string
     if (arg == "--ssl") return options.useSsl = true;
     if (arg == "-v" || arg == "--verbose") return options.verbose = true;
     if (arg == "-u" || arg == "--user") {
-        return takeValue(argc, argv, i, value, error) && splitCredentials(value, options, error);
+        if (!takeValue(argc, argv, i, value, error)) return false;
+        blankArgument(argv[i]);
+        return splitCredentials(value, options, error);
     }
     if (arg == "-H" || arg == "--header") {
         if (!takeValue(argc, argv, i, value, error)) return false;
-        if (value.find(':') == std::string::npos) {
-            error = "-H expects 'Name: value'";
+        if (value.find(':') == std::string::npos || value.find_first_of("\r\n") != std::string::npos) {
+            error = "-H expects one line 'Name: value'";
             return false;
         }
         options.headers.push_back(value);
@@ -92,7 +103,11 @@ bool parseOption(int argc, char** argv, int& i, CliOptions& options, std::string
         error = "cannot read --data-file " + value;
         return false;
     }
-    if (arg == "--cookie" || arg == "-b") return takeValue(argc, argv, i, options.cookie, error);
+    if (arg == "--cookie" || arg == "-b") {
+        if (!takeValue(argc, argv, i, options.cookie, error)) return false;
+        blankArgument(argv[i]);
+        return true;
+    }
     if (arg == "-o" || arg == "--output") return takeValue(argc, argv, i, options.outputFile, error);
     if (arg == "-F" || arg == "--form") {
         return takeValue(argc, argv, i, value, error) && addFormEntry(value, options, error);
@@ -114,6 +129,10 @@ bool checkVerbArguments(const CliOptions& options, std::string& error) {
     }
     if (options.hasData && kBodyVerbs.count(options.verb) == 0) {
         error = "-d/--data-file only go with post, put and patch";
+        return false;
+    }
+    if (!options.cookie.empty() && options.verb != "get") {
+        error = "--cookie only goes with get";
         return false;
     }
     if (options.verb == "upload" && options.filePath.empty()) {

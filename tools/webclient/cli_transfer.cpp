@@ -1,8 +1,11 @@
 #include "cli_transfer.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
+#include "cli_output_file.h"
 #include "cli_progress.h"
 #include "webclient/webclient.h"
 
@@ -13,6 +16,7 @@ struct Outcome {
     std::string headers;
     std::string error;
     int status = 0;
+    bool outputLost = false;  // standard output did not take the body
 };
 
 void runVerb(const CliOptions& o, Outcome& out) {
@@ -40,26 +44,6 @@ void runVerb(const CliOptions& o, Outcome& out) {
     out.status = lastStatusInHeaders(out.headers);
 }
 
-void runDownload(const CliOptions& o, Outcome& out) {
-    FILE* stream = std::fopen(o.outputFile.c_str(), "w+");
-    if (stream == nullptr) {
-        out.error = "cannot open " + o.outputFile + " for writing";
-        return;
-    }
-    std::shared_ptr<FILE> file(stream, std::fclose);
-    DownloadProgress progress(o.outputFile);
-    download_param param;
-    param.url = o.url;
-    param.user = o.user;
-    param.password = o.password;
-    param.headers = o.headers;
-    progress.attach(param);
-    WebClient client;
-    out.error = client.downloadStream(&param, file, &out.status, o.useSsl);
-    std::fflush(stream);
-    progress.finish(o.outputFile);
-}
-
 // libcurl's texts for an unverified peer (60) or an unreadable CA file (77):
 // the only failures after which a verb made with --ssl tries again.
 bool isTrustFailureText(const std::string& error) {
@@ -73,7 +57,7 @@ bool isTrustFailureText(const std::string& error) {
 }
 
 int exitStatusOf(const Outcome& out, bool useSsl) {
-    if (out.status == 0) return kExitTransferFailed;
+    if (out.status == 0 || out.outputLost) return kExitTransferFailed;
     // A verb keeps the error text of a failed attempt. With --ssl a trust
     // failure is retried after a CA-bundle refresh, so such a text next to
     // an HTTP status is the first attempt's, made good by the second; any
@@ -81,6 +65,27 @@ int exitStatusOf(const Outcome& out, bool useSsl) {
     const bool madeGood = useSsl && isTrustFailureText(out.error);
     if (!out.error.empty() && !madeGood) return kExitTransferFailed;
     return out.status >= 400 ? kExitHttpError : kExitOk;
+}
+
+void runDownload(const CliOptions& o, Outcome& out) {
+    OutputFile output(o.outputFile);
+    std::FILE* stream = output.open(out.error);
+    if (stream == nullptr) return;
+    std::shared_ptr<FILE> file(stream, std::fclose);
+    DownloadProgress progress(o.outputFile);
+    download_param param;
+    param.url = o.url;
+    param.user = o.user;
+    param.password = o.password;
+    param.headers = o.headers;
+    // This verb sends credentials only along with header lines; libcurl's
+    // own Accept line is this very text, so nothing else changes on the wire.
+    if (param.headers.empty() && !o.user.empty() && !o.password.empty()) param.headers.push_back("Accept: */*");
+    progress.attach(param);
+    WebClient client;
+    out.error = client.downloadStream(&param, file, &out.status, o.useSsl);
+    if (exitStatusOf(out, o.useSsl) == kExitOk) output.commit(stream, out.error);
+    progress.finish(output.writtenPath());
 }
 
 }  // namespace
@@ -107,8 +112,11 @@ int runTransferCommand(const CliOptions& options) {
     } else {
         runVerb(options, out);
     }
-    std::fwrite(out.body.data(), 1, out.body.size(), stdout);
-    std::fflush(stdout);
+    // Output that did not arrive (a full disk, a closed pipe) is a failed
+    // transfer for whoever reads it.
+    const bool written = std::fwrite(out.body.data(), 1, out.body.size(), stdout) == out.body.size();
+    out.outputLost = std::fflush(stdout) != 0 || !written;
+    if (out.outputLost) std::fprintf(stderr, "error: writing the body to standard output: %s\n", std::strerror(errno));
     if (options.showHeaders) std::fprintf(stderr, "%s", out.headers.c_str());
     if (out.status != 0) std::fprintf(stderr, "HTTP %d\n", out.status);
     if (!out.error.empty()) std::fprintf(stderr, "error: %s\n", out.error.c_str());
