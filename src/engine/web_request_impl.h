@@ -6,6 +6,7 @@
 
 #include <curl/curl.h>
 
+#include "engine/upload_reader.h"
 #include "webclient/web_handle.h"
 #include "webclient/web_request.h"
 
@@ -15,6 +16,7 @@ struct WebRequest::impl {
     char error_buffer[CURL_ERROR_SIZE] = {};
     CURLcode result = CURLE_OK;
     curl_httppost* form_post = nullptr;
+    UploadSource upload;  // uploadAsync's file, read by the transfer
     DataReceivedCallback on_data;
     DataReceivedCallback on_header;
     CompletionCallback on_complete;

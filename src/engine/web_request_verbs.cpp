@@ -85,7 +85,13 @@ void runCustom(WebRequest& request, const char* method, const std::vector<std::s
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCustomMethod(request, method);
     setCredentials(request, user, password);
-    if (body != nullptr) setBody(request, *body);
+    if (body != nullptr) {
+        setBody(request, *body);
+        // libcurl keeps a custom method across every redirect but drops the
+        // body on 301, 302 and 303 as for a POST: the next location would get
+        // an empty write. Method and body travel together.
+        curl_easy_setopt(request.impl->curl_handle, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
+    }
     dispatch(request);
 }
 
@@ -261,10 +267,7 @@ void WebRequest::uploadAsync(std::string const& user, std::string const& passwor
             WC_LOG_DEBUG("uploadAsync failed to get information of upload file");
             return;
         }
-        curl_easy_setopt(impl->curl_handle, CURLOPT_UPLOAD, 1L);
-        curl_easy_setopt(impl->curl_handle, CURLOPT_READDATA, stream);
-        curl_easy_setopt(impl->curl_handle, CURLOPT_INFILESIZE_LARGE,
-                         static_cast<curl_off_t>(info.st_size));
+        sendFileAsBody(impl->curl_handle, impl->upload, stream, info);
     }
     dispatch(*this);
 }

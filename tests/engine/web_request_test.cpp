@@ -4,7 +4,11 @@
 // uploads, cancelling, waiting and the per-origin lock.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdio>
+#include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -74,6 +78,84 @@ TEST_P(Dispatch, UploadsSendTheStreamOrTheFormAndNeverStandardInput) {
     EXPECT_EQ(seen.parts[0].name + "=" + seen.parts[0].content, "a_field=1");
     EXPECT_EQ(seen.parts[2].name + "=" + seen.parts[2].content, "image=upload contents\n");
     EXPECT_EQ(seen.parts[2].content_type, "application/octet-stream");
+}
+
+// The size a stream upload announces is the file's at set-up. The server
+// changes the file while libcurl waits for its "100 Continue": what the file
+// gains must not follow the body onto the kept connection (where it would be
+// read as the next request), and what it loses must fail the transfer at once
+// instead of leaving the server waiting for it.
+TEST_P(Dispatch, AStreamUploadSendsExactlyTheAnnouncedSize) {
+    TempFile file;
+    std::function<void()> changeFile = [] {};
+    TestServer device("127.0.0.1", [&](httplib::Server& s) {
+        s.set_expect_100_continue_handler([&](const httplib::Request&, httplib::Response&) {
+            changeFile();
+            return 100;
+        });
+    });
+    curl_off_t sent = 0;
+    const auto put = [&](std::FILE* stream) {
+        WebRequest request(device.url(GetParam(), "/echo"), "PUT", false);
+        request.uploadAsync("", "", none, stream, ignore, {});
+        EXPECT_EQ(request.wait(10000), 0);
+        curl_easy_getinfo(request.impl->curl_handle, CURLINFO_SIZE_UPLOAD_T, &sent);
+        return request.impl->result;
+    };
+    const auto putFile = [&](const std::function<void()>& change) {
+        std::ofstream(file.path(), std::ios::binary | std::ios::trunc) << std::string(100000, 'a');
+        changeFile = change;
+        std::unique_ptr<FILE, int (*)(FILE*)> stream(std::fopen(file.path().c_str(), "rb"), std::fclose);
+        return put(stream.get());
+    };
+    EXPECT_EQ(putFile([&] {
+        std::ofstream(file.path(), std::ios::binary | std::ios::app) << "DELETE /echo HTTP/1.1\r\nHost: x\r\n\r\n";
+    }), CURLE_OK);
+    EXPECT_EQ(sent, 100000);
+    EXPECT_EQ(lastRequest(device).body, std::string(100000, 'a'));
+
+    LogCapture log;
+    EXPECT_EQ(putFile([&] { EXPECT_EQ(truncate(file.path().c_str(), 100), 0); }), CURLE_ABORTED_BY_CALLBACK);
+    EXPECT_EQ(log.count("upload file ended after 100 of the 100000 bytes announced"), 1u);
+
+    // A pipe has no size to announce: it is sent to its end.
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(write(ends[1], "piped body", 10), 10);
+    close(ends[1]);
+    std::unique_ptr<FILE, int (*)(FILE*)> piped(fdopen(ends[0], "rb"), std::fclose);
+    changeFile = [] {};
+    EXPECT_EQ(put(piped.get()), CURLE_OK);
+    EXPECT_EQ(lastRequest(device).body, "piped body");
+}
+
+// A write that is redirected arrives at the new location whole: a PUT or
+// PATCH body on every redirect status, a streamed file sent again from its
+// start (a 303 turns that one into a GET, as libcurl does for a POST).
+TEST_P(Dispatch, RedirectedWritesArriveWhole) {
+    TempFile file("streamed body");
+    const std::string body = "sent body";  // not copied: it must outlive the transfer
+    for (const int code : {301, 302, 303, 307, 308}) {
+        const std::string target = url("/redirect?code=" + std::to_string(code) + "&to=" + url("/echo"));
+        for (const char* method : {"PUT", "PATCH"}) {
+            WebRequest request(target, method, false);
+            if (std::string(method) == "PUT") {
+                request.putAsync("", "", body, none, ignore, {});
+            } else {
+                request.patchAsync("", "", body, none, ignore, {});
+            }
+            ASSERT_EQ(request.wait(5000), 0);
+            const RecordedRequest seen = lastRequest(server);
+            EXPECT_EQ(seen.path + " " + seen.method + " " + seen.body, "/echo " + std::string(method) + " sent body")
+                << code;
+        }
+        std::unique_ptr<FILE, int (*)(FILE*)> stream(std::fopen(file.path().c_str(), "rb"), std::fclose);
+        WebRequest upload(target, "PUT", false);
+        upload.uploadAsync("", "", none, stream.get(), ignore, {});
+        ASSERT_EQ(upload.wait(5000), 0);
+        const RecordedRequest seen = lastRequest(server);
+        EXPECT_EQ(seen.method + " " + seen.body, code == 303 ? "GET " : "PUT streamed body") << code;
+    }
 }
 
 TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {

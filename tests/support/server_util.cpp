@@ -114,10 +114,13 @@ void TestServer::addStandardEndpoints() {
         res.status = std::stoi(req.matches[1]);
         res.set_content("status " + std::string(req.matches[1]), "text/plain");
     });
-    server_->Get("/redirect", [this](Request req, Response res) {
+    // To "to", with the status "code" (302 when not given).
+    auto redirect = [this](Request req, Response res) {
         record(req);
-        res.set_redirect(req.get_param_value("to"));
-    });
+        const std::string code = req.get_param_value("code");
+        res.set_redirect(req.get_param_value("to"), code.empty() ? 302 : std::stoi(code));
+    };
+    server_->Get("/redirect", redirect).Put("/redirect", redirect).Patch("/redirect", redirect);
     server_->Get(R"(/bytes/(\d+))", [this](Request req, Response res) {
         record(req);
         res.set_content(pattern(std::stoul(req.matches[1])), "application/octet-stream");

@@ -1,0 +1,53 @@
+#include "engine/upload_reader.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "util/log.h"
+
+namespace {
+
+size_t readAnnounced(char* buffer, size_t size, size_t count, void* userdata) {
+    UploadSource& source = *static_cast<UploadSource*>(userdata);
+    size_t room = size * count;
+    if (source.announced >= 0) {
+        room = static_cast<size_t>(std::min<curl_off_t>(static_cast<curl_off_t>(room), source.announced - source.sent));
+        if (room == 0) return 0;  // all announced bytes are sent; anything after them is not ours
+    }
+    const size_t got = std::fread(buffer, 1, room, source.stream);
+    source.sent += static_cast<curl_off_t>(got);
+    if (got > 0) return got;
+    if (std::ferror(source.stream) != 0) {
+        WC_LOG_ERROR("upload file could not be read: %s", std::strerror(errno));
+        return CURL_READFUNC_ABORT;
+    }
+    if (source.announced < 0) return 0;
+    WC_LOG_ERROR("upload file ended after %lld of the %lld bytes announced", static_cast<long long>(source.sent),
+                 static_cast<long long>(source.announced));
+    return CURL_READFUNC_ABORT;
+}
+
+// A redirect or an authentication round sends the body again from its start.
+int seekUpload(void* userdata, curl_off_t offset, int origin) {
+    UploadSource& source = *static_cast<UploadSource*>(userdata);
+    if (origin != SEEK_SET || fseeko(source.stream, static_cast<off_t>(offset), SEEK_SET) != 0) {
+        return CURL_SEEKFUNC_CANTSEEK;
+    }
+    source.sent = offset;
+    return CURL_SEEKFUNC_OK;
+}
+
+}  // namespace
+
+void sendFileAsBody(CURL* handle, UploadSource& source, std::FILE* stream, const struct stat& info) {
+    source.stream = stream;
+    source.announced = S_ISREG(info.st_mode) ? static_cast<curl_off_t>(info.st_size) : -1;
+    source.sent = 0;
+    curl_easy_setopt(handle, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(handle, CURLOPT_READFUNCTION, &readAnnounced);
+    curl_easy_setopt(handle, CURLOPT_READDATA, &source);
+    curl_easy_setopt(handle, CURLOPT_SEEKFUNCTION, &seekUpload);
+    curl_easy_setopt(handle, CURLOPT_SEEKDATA, &source);
+    curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE, source.announced);
+}
