@@ -395,6 +395,7 @@ void WebRequestController::addRequest(WebRequest* request) {
         }
         utilities::lock::lock_guard listGuard(&list_mutex);
         requests.push_back(request);
+        request->impl->registered = true;
         WC_LOG_DEBUG("addRequest[%d] %s", static_cast<int>(requests.size()),
                      request->getPrintableUrl().c_str());
     }
@@ -531,6 +532,7 @@ void WebRequestManager::beginRequest(WebRequest* request) { controller->addReque
 void WebRequestManager::closeRequest(WebRequest* request) {
     CURL* handle = request->impl->curl_handle;
     if (controller->findRequest(handle, true) == nullptr) return;
+    request->impl->registered = false;
     bool timerBroughtForward = false;
     {
         MultiWriteGuard guard(&controller->multi_lock);

@@ -23,6 +23,10 @@ struct WebRequest::impl {
     // True exactly while this request owns a read hold on the trust store's
     // CA file (taken by setupSecureRequest, given back by the destructor).
     bool holds_ca_file = false;
+    // True while the backend has this request (from the verb that handed it
+    // over until abort() or the destructor). Only the owner's thread reads
+    // or writes it.
+    bool registered = false;
 };
 
 // Sets an option whose failure must abort the set-up (throws WebException).

@@ -5,6 +5,7 @@
 
 #include "engine/web_request_impl.h"
 #include "util/log.h"
+#include "webclient/exception.h"
 #include "webclient/host.h"
 #include "webclient/webRequestcontroller.h"
 
@@ -16,6 +17,12 @@ bool prepare(WebRequest& request, const std::vector<std::string>* headers,
              const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
              const CompletionCallback& onDone) {
     if (request.impl->curl_handle == nullptr) return false;
+    // Its options, header list and form are the transfer thread's until
+    // abort(): setting them again now would race with the running transfer.
+    if (request.impl->registered) {
+        WC_LOG_ERROR("WebRequest is still registered: abort() it before another verb");
+        throw WebException("WebRequest is still registered", nullptr);
+    }
     if (headers != nullptr) request.headers = *headers;
     request.impl->on_data = onData;
     if (onHeader != nullptr) request.impl->on_header = *onHeader;

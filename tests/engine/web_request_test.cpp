@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <stdexcept>
 #include <thread>
 
@@ -16,6 +17,7 @@
 #include "support/log_capture.h"
 #include "support/server_util.h"
 #include "support/test_helpers.h"
+#include "webclient/exception.h"
 #include "webclient/web_request.h"
 
 namespace {
@@ -188,6 +190,28 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
     }
     // Every log line is checked for secrets: the query's password must show masked.
     EXPECT_EQ(completeGet(url("/status/200?password=hunter2")), 200) << "the origin stays usable";
+}
+
+// A request handed to the transfer thread is that thread's until abort():
+// a second verb would rewrite its options and free its header list under the
+// running transfer.
+TEST(WebRequestVerbs, ASecondVerbWaitsForAbort) {
+    TestServer server;
+    std::vector<std::string> headers = {"X-First: 1"};
+    const std::string body = "second";
+    WebRequest request(server.url("127.0.0.1", "/stall?ms=300"), "GET", false);
+    request.getAsync(headers, ignore, {});
+    EXPECT_THROW(request.postAsync(body, headers, ignore, {}), WebException);
+    ASSERT_EQ(request.wait(5000), 0);
+    EXPECT_EQ(request.impl->result, CURLE_OK);
+    EXPECT_THROW(request.getAsync(headers, ignore, {}), WebException) << "completed, still registered";
+    EXPECT_EQ(lastRequest(server).method + " " + lastRequest(server).path, "GET /stall");
+    EXPECT_EQ(server.requests().size(), 1u);
+    request.abort();
+    std::promise<void> posted;
+    request.postAsync(body, headers, ignore, [&] { posted.set_value(); });
+    ASSERT_EQ(posted.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(request.getResponseCode(), 404) << "the POST went out after abort()";
 }
 
 TEST(WebRequestWait, NothingToWaitForOnTheDirectPathOrWithoutAHandle) {
