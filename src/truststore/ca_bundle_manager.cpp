@@ -127,6 +127,8 @@ void refreshCaBundle() { CaBundleProvider::GetInstance()->UpdateCaFile(); }
 
 void refreshCaBundleOnFailure() {
     CaBundleManager* manager = CaBundleProvider::GetInstance();
+    // Checked before status_mutex, which the CA handler's thread holds.
+    if (truststore::refreshRefusedOnThisThread()) return;
     {
         truststore::Lock lock(manager->status_mutex);
         WC_LOG_DEBUG("[UpdateCaFileOnFailure] current status: %d", manager->bundle_status);

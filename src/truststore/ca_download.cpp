@@ -152,7 +152,8 @@ void handOver(CaBundleManager& manager) {
 // The refresh's write lock waits for every secure request to be destroyed:
 // it would wait for ever for this thread's own read hold (a secure request
 // it keeps alive), and inside a transfer callback, whose thread holds the
-// multi lock that a secure request's destructor needs.
+// multi lock that a secure request's destructor needs. The thread that is
+// replacing the file (its CA handler calling back) holds status_mutex too.
 const char* reasonNotToRefresh() {
     const webclient::ThreadHolds& holds = webclient::thisThreadHolds();
     if (holds.ca_file_writes > 0) return "called while this thread replaces the CA file";
@@ -204,11 +205,14 @@ size_t WriteMemoryCallback(void* contents, size_t size, size_t nmemb, void* buff
     return length;
 }
 
+bool truststore::refreshRefusedOnThisThread() {
+    const char* reason = reasonNotToRefresh();
+    if (reason != nullptr) WC_LOG_ERROR("[DownloadTask] %s; no refresh", reason);
+    return reason != nullptr;
+}
+
 void CaBundleManager::DownloadTask() {
-    if (const char* reason = reasonNotToRefresh()) {
-        WC_LOG_ERROR("[DownloadTask] %s; no refresh", reason);
-        return;
-    }
+    if (truststore::refreshRefusedOnThisThread()) return;
     bool useDefault = false;
     if (!claimRefresh(*this, useDefault)) return;
     // Nothing may be thrown to callers, and a refresh must not stay

@@ -39,4 +39,8 @@ namespace truststore {
 void create_expiry_timer(CaBundleManager& manager);
 void delete_expiry_timer(CaBundleManager& manager);
 
+// Whether a refresh asked for on this thread must not start, because it would
+// wait for a lock this thread holds (logged with the reason).
+bool refreshRefusedOnThisThread();
+
 }  // namespace truststore
