@@ -95,9 +95,12 @@ void runCustom(WebRequest& request, const char* method, const std::vector<std::s
     if (body != nullptr) {
         setBody(request, *body);
         // libcurl keeps a custom method across every redirect but drops the
-        // body on 301, 302 and 303 as for a POST: the next location would get
-        // an empty write. Method and body travel together.
-        curl_easy_setopt(request.impl->curl_handle, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
+        // body on 301 and 302 as for a POST: the next location would get an
+        // empty write. There method and body travel together, as on 307 and
+        // 308. A 303 says the write is done and its answer is elsewhere: it
+        // is not repeated there (libcurl 7.88 sends the method without body).
+        curl_easy_setopt(request.impl->curl_handle, CURLOPT_POSTREDIR,
+                         static_cast<long>(CURL_REDIR_POST_301 | CURL_REDIR_POST_302));
     }
     dispatch(request);
 }

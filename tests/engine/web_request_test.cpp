@@ -132,14 +132,16 @@ TEST_P(Dispatch, AStreamUploadSendsExactlyTheAnnouncedSize) {
 }
 
 // A write that is redirected arrives at the new location whole: a PUT or
-// PATCH body on every redirect status, a streamed file sent again from its
-// start (a 303 turns that one into a GET, as libcurl does for a POST).
+// PATCH body, a streamed file sent again from its start. (After a 303, "see
+// other", a streamed PUT becomes a GET; a PUT or PATCH body is not repeated,
+// and what its bodiless method gets depends on the server.)
 TEST_P(Dispatch, RedirectedWritesArriveWhole) {
     TempFile file("streamed body");
     const std::string body = "sent body";  // not copied: it must outlive the transfer
     for (const int code : {301, 302, 303, 307, 308}) {
         const std::string target = url("/redirect?code=" + std::to_string(code) + "&to=" + url("/echo"));
         for (const char* method : {"PUT", "PATCH"}) {
+            if (code == 303) break;
             WebRequest request(target, method, false);
             if (std::string(method) == "PUT") {
                 request.putAsync("", "", body, none, ignore, {});
