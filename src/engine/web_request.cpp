@@ -52,6 +52,18 @@ bool isLocalHttpsUrl(const std::string& url) {
 
 }  // namespace
 
+// Held locked, the pooled handle is brought to a clean state for the next
+// transfer: reset, or new where libcurl cannot safely reuse one.
+void takeCleanHandle(WebRequest& request) {
+    CURL*& pooled = request.impl->web_handle->curl_handle;
+    pooled = webclient::handleForNextTransfer(pooled);
+    request.impl->curl_handle = pooled;
+    if (pooled == nullptr) return;
+    memset_s_helper(request.impl->error_buffer, sizeof request.impl->error_buffer, 0,
+                    sizeof request.impl->error_buffer);
+    curl_easy_setopt(pooled, CURLOPT_ERRORBUFFER, request.impl->error_buffer);
+}
+
 std::string get_printable_url(std::string const& url) {
     return webclient::escapeControlBytes(webclient::maskQuery(webclient::maskUserinfoPassword(url, true)));
 }
@@ -74,19 +86,9 @@ WebRequest::WebRequest(std::string const& url, std::string const& method, bool u
     impl = made.release();
     if (impl->web_handle) {
         impl->web_handle->Lock();
-        // Held locked, the pooled handle is brought to a clean state for this
-        // transfer: reset, or new where libcurl cannot safely reuse one.
-        CURL*& pooled = impl->web_handle->curl_handle;
-        pooled = webclient::handleForNextTransfer(pooled);
-        impl->curl_handle = pooled;
+        takeCleanHandle(*this);
     }
-    if (impl->curl_handle != nullptr) {
-        memset_s_helper(impl->error_buffer, sizeof impl->error_buffer, 0,
-                        sizeof impl->error_buffer);
-        curl_easy_setopt(impl->curl_handle, CURLOPT_ERRORBUFFER, impl->error_buffer);
-    } else {
-        WC_LOG_ERROR("WebRequest handle is NULL");
-    }
+    if (impl->curl_handle == nullptr) WC_LOG_ERROR("WebRequest handle is NULL");
     if (isLocalHttpsUrl(url)) {
         use_ssl = false;
         if (useSsl) WC_LOG_INFO("WebRequest() Accessing https://127.0.0.1, disable SSL by default");

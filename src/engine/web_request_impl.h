@@ -27,7 +27,14 @@ struct WebRequest::impl {
     // over until abort() or the destructor). Only the owner's thread reads
     // or writes it.
     bool registered = false;
+    // True once a verb has set options on the handle: another verb then
+    // starts from a clean handle instead of inheriting them.
+    bool used = false;
 };
+
+// Resets (or renews) the request's pooled handle for its next transfer and
+// points libcurl's error text at the request. The request holds the handle.
+void takeCleanHandle(WebRequest& request);
 
 // Sets an option whose failure must abort the set-up (throws WebException).
 template <typename Value>

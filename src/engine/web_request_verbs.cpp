@@ -4,12 +4,26 @@
 #include <sys/stat.h>
 
 #include "engine/web_request_impl.h"
+#include "util/lock_guard.h"
 #include "util/log.h"
 #include "webclient/exception.h"
 #include "webclient/host.h"
 #include "webclient/webRequestcontroller.h"
 
 namespace {
+
+// A later verb on the same request: nothing of the earlier transfer's
+// options (method, body, upload, form) or outcome may carry over.
+void startAfresh(WebRequest& request) {
+    takeCleanHandle(request);
+    if (request.impl->form_post != nullptr) curl_formfree(request.impl->form_post);
+    request.impl->form_post = nullptr;
+    request.impl->upload = UploadSource();
+    request.impl->result = CURLE_OK;
+    request.content_length = -1.0;
+    utilities::lock::lock_guard guard(&request.mutex);
+    request.completed = false;
+}
 
 // Steps before the verb's own options. False when the request has no easy
 // handle: then nothing is configured or started.
@@ -23,6 +37,8 @@ bool prepare(WebRequest& request, const std::vector<std::string>* headers,
         WC_LOG_ERROR("WebRequest is still registered: abort() it before another verb");
         throw WebException("WebRequest is still registered", nullptr);
     }
+    if (request.impl->used) startAfresh(request);
+    request.impl->used = true;
     if (headers != nullptr) request.headers = *headers;
     request.impl->on_data = onData;
     if (onHeader != nullptr) request.impl->on_header = *onHeader;
@@ -65,10 +81,20 @@ void dispatch(WebRequest& request) {
     }
 }
 
+// Large images arrive in fewer, larger pieces: one data callback (and one
+// file write) per 256 KiB instead of per 16 KiB.
+constexpr long kDownloadBufferBytes = 256 * 1024;
+
+enum class Reads { kDefault, kLarge };
+
 void runGet(WebRequest& request, const std::vector<std::string>* headers, const std::string& user,
             const std::string& password, const DataReceivedCallback& onData,
-            const DataReceivedCallback* onHeader, const CompletionCallback& onDone) {
+            const DataReceivedCallback* onHeader, const CompletionCallback& onDone,
+            Reads reads = Reads::kDefault) {
     if (!prepare(request, headers, onData, onHeader, onDone)) return;
+    if (reads == Reads::kLarge) {
+        curl_easy_setopt(request.impl->curl_handle, CURLOPT_BUFFERSIZE, kDownloadBufferBytes);
+    }
     setCredentials(request, user, password);
     dispatch(request);
 }
@@ -174,35 +200,20 @@ void WebRequest::getAsync(std::string const& user, std::string const& password,
     runGet(*this, &headers, user, password, onData, &onHeader, onDone);
 }
 
-namespace {
-
-// Large images arrive in fewer, larger pieces: one data callback (and one
-// file write) per 256 KiB instead of per 16 KiB.
-constexpr long kDownloadBufferBytes = 256 * 1024;
-
-void preferLargeReads(CURL* handle) {
-    if (handle != nullptr) curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, kDownloadBufferBytes);
-}
-
-}  // namespace
-
 void WebRequest::downloadAsync(DataReceivedCallback const& onData, CompletionCallback const& onDone) {
-    preferLargeReads(impl->curl_handle);
-    runGet(*this, nullptr, kNoUser, kNoUser, onData, nullptr, onDone);
+    runGet(*this, nullptr, kNoUser, kNoUser, onData, nullptr, onDone, Reads::kLarge);
 }
 
 void WebRequest::downloadAsync(std::string const& user, std::string const& password,
                                std::vector<std::string>& headers, DataReceivedCallback const& onData,
                                CompletionCallback const& onDone) {
-    preferLargeReads(impl->curl_handle);
-    runGet(*this, &headers, user, password, onData, nullptr, onDone);
+    runGet(*this, &headers, user, password, onData, nullptr, onDone, Reads::kLarge);
 }
 
 void WebRequest::downloadAsync(std::string const& user, std::string const& password,
                                std::vector<std::string>& headers, DataReceivedCallback const& onData,
                                DataReceivedCallback const& onHeader, CompletionCallback const& onDone) {
-    preferLargeReads(impl->curl_handle);
-    runGet(*this, &headers, user, password, onData, &onHeader, onDone);
+    runGet(*this, &headers, user, password, onData, &onHeader, onDone, Reads::kLarge);
 }
 
 void WebRequest::postAsync(std::string const& body, std::vector<std::string>& headers,

@@ -196,8 +196,9 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
 
 // A request handed to the transfer thread is that thread's until abort():
 // a second verb would rewrite its options and free its header list under the
-// running transfer.
-TEST(WebRequestVerbs, ASecondVerbWaitsForAbort) {
+// running transfer. After abort() a verb starts afresh: nothing of the
+// earlier verb's method, body or outcome carries over.
+TEST(WebRequestVerbs, ASecondVerbWaitsForAbortThenStartsAfresh) {
     TestServer server;
     std::vector<std::string> headers = {"X-First: 1"};
     const std::string body = "second";
@@ -209,11 +210,20 @@ TEST(WebRequestVerbs, ASecondVerbWaitsForAbort) {
     EXPECT_THROW(request.getAsync(headers, ignore, {}), WebException) << "completed, still registered";
     EXPECT_EQ(lastRequest(server).method + " " + lastRequest(server).path, "GET /stall");
     EXPECT_EQ(server.requests().size(), 1u);
-    request.abort();
-    std::promise<void> posted;
-    request.postAsync(body, headers, ignore, [&] { posted.set_value(); });
-    ASSERT_EQ(posted.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    EXPECT_EQ(request.getResponseCode(), 404) << "the POST went out after abort()";
+
+    TempFile file("uploaded");
+    for (const char* host : {"127.0.0.1", "localhost"}) {
+        std::unique_ptr<FILE, int (*)(FILE*)> stream(std::fopen(file.path().c_str(), "rb"), std::fclose);
+        WebRequest reused(server.url(host, "/echo"), "PUT", false);
+        reused.uploadAsync("", "", headers, stream.get(), ignore, {});
+        ASSERT_EQ(reused.wait(5000), 0);
+        reused.abort();
+        Collected answer;
+        reused.getAsync(headers, answer.callback(), {});
+        ASSERT_EQ(reused.wait(5000), 0);
+        EXPECT_EQ(lastRequest(server).method + " " + lastRequest(server).body, "GET ") << host;
+        EXPECT_EQ(answer.text.rfind("GET /echo", 0), 0u) << host << ": waited for the second transfer";
+    }
 }
 
 TEST(WebRequestWait, NothingToWaitForOnTheDirectPathOrWithoutAHandle) {
