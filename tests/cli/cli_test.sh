@@ -31,6 +31,8 @@ expect 64 "a field given twice" "$cli" upload -F a=1 -F a=2 -F f=@/etc/hostname 
 expect 64 "a cookie on a POST" "$cli" post -d x --cookie sid=1 http://127.0.0.1:1/
 
 printf 'hello' > "$dir/hello.txt"
+printf 'other' > "$dir/other.txt"
+head -c 1000000 /dev/zero > "$dir/big.bin"
 # Files from the directory, and /whoami answers with the Authorization header.
 python3 - "$dir" > "$dir/server.log" 2>&1 <<'PY' &
 import functools, http.server, sys
@@ -53,6 +55,7 @@ expect 0 "GET by name" "$cli" get "http://localhost:$port/hello.txt"
 [ "$(cat "$out")" = "hello" ] || fail "body not on stdout"
 expect 1 "404 by name" "$cli" get "http://localhost:$port/missing"
 expect 2 "stdout on a full disk" sh -c '"$0" get "$1" > /dev/full' "$cli" "http://localhost:$port/hello.txt"
+expect 2 "stdout closed early" bash -o pipefail -c '"$0" get "$1" | head -c1' "$cli" "http://localhost:$port/big.bin"
 expect 0 "download" "$cli" download -o "$dir/copy.txt" "http://localhost:$port/hello.txt"
 cmp -s "$dir/hello.txt" "$dir/copy.txt" || fail "downloaded file differs"
 # A failed download leaves the file it would have replaced, and nothing else.
@@ -60,6 +63,10 @@ expect 1 "download of a missing file" "$cli" download -o "$dir/copy.txt" "http:/
 expect 2 "download refused" "$cli" download -o "$dir/copy.txt" http://localhost:1/
 cmp -s "$dir/hello.txt" "$dir/copy.txt" || fail "a failed download replaced the file"
 [ "$(ls -A "$dir" | grep -c copy)" -eq 1 ] || fail "a failed download left a temporary file"
+# A successful download overwrites an existing file in place: its other links see it.
+ln "$dir/copy.txt" "$dir/link.txt"
+expect 0 "download over a linked file" "$cli" download -o "$dir/copy.txt" "http://localhost:$port/other.txt"
+[ "$(cat "$dir/link.txt")" = "other" ] || fail "the file's other link kept the old content"
 expect 0 "download with credentials" "$cli" download -u admin:pw -o "$dir/who.txt" "http://localhost:$port/whoami"
 [ "$(cat "$dir/who.txt")" = "Basic YWRtaW46cHc=" ] || fail "download -u sent no credentials"
 

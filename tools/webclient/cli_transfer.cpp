@@ -68,6 +68,7 @@ int exitStatusOf(const Outcome& out, bool useSsl) {
 }
 
 void runDownload(const CliOptions& o, Outcome& out) {
+    removeTemporaryDownloadOnSignals();
     OutputFile output(o.outputFile);
     std::FILE* stream = output.open(out.error);
     if (stream == nullptr) return;
@@ -112,8 +113,8 @@ int runTransferCommand(const CliOptions& options) {
     } else {
         runVerb(options, out);
     }
-    // Output that did not arrive (a full disk, a closed pipe) is a failed
-    // transfer for whoever reads it.
+    // Output that did not arrive (a full disk, a closed pipe: SIGPIPE is
+    // ignored) is a failed transfer for whoever reads it.
     const bool written = std::fwrite(out.body.data(), 1, out.body.size(), stdout) == out.body.size();
     out.outputLost = std::fflush(stdout) != 0 || !written;
     if (out.outputLost) std::fprintf(stderr, "error: writing the body to standard output: %s\n", std::strerror(errno));

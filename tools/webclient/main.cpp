@@ -1,6 +1,7 @@
 // webclient: a command-line program over libwebclient's public API, for
 // trying every capability and for diagnosing exchanges through exactly the
 // library's own code paths.
+#include <csignal>
 #include <cstdio>
 #include <exception>
 
@@ -31,6 +32,9 @@ int runCommand(int argc, char** argv) {
     if (options.verbose) SetWebClientLogLevel(WEBCLIENT_LOG_DEBUG);
     if (options.verb == "demo") return runDemo(options);
     if (options.verb == "trust") return runTrustCommand(options);
+    // A reader that goes away (`| head`) makes writing the body fail with
+    // status 2, as curl does, rather than killing the program.
+    std::signal(SIGPIPE, SIG_IGN);
     BackendRun backend(needsBackend(options));
     return runTransferCommand(options);
 }
