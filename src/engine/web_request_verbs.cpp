@@ -13,9 +13,12 @@
 namespace {
 
 // A later verb on the same request: nothing of the earlier transfer's
-// options (method, body, upload, form) or outcome may carry over.
+// options (method, header lines, cookie, body, upload, form) or outcome may
+// carry over.
 void startAfresh(WebRequest& request) {
     takeCleanHandle(request);
+    request.headers.clear();
+    request.cookie.clear();
     if (request.impl->form_post != nullptr) curl_formfree(request.impl->form_post);
     request.impl->form_post = nullptr;
     request.impl->upload = UploadSource();
@@ -29,7 +32,7 @@ void startAfresh(WebRequest& request) {
 // handle: then nothing is configured or started.
 bool prepare(WebRequest& request, const std::vector<std::string>* headers,
              const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
-             const CompletionCallback& onDone) {
+             const CompletionCallback& onDone, const std::string* cookie = nullptr) {
     if (request.impl->curl_handle == nullptr) return false;
     // Its options, header list and form are the transfer thread's until
     // abort(): setting them again now would race with the running transfer.
@@ -40,6 +43,7 @@ bool prepare(WebRequest& request, const std::vector<std::string>* headers,
     if (request.impl->used) startAfresh(request);
     request.impl->used = true;
     if (headers != nullptr) request.headers = *headers;
+    if (cookie != nullptr) request.cookie = *cookie;  // the set-up sends it
     request.impl->on_data = onData;
     if (onHeader != nullptr) request.impl->on_header = *onHeader;
     request.impl->on_complete = onDone;
@@ -90,8 +94,8 @@ enum class Reads { kDefault, kLarge };
 void runGet(WebRequest& request, const std::vector<std::string>* headers, const std::string& user,
             const std::string& password, const DataReceivedCallback& onData,
             const DataReceivedCallback* onHeader, const CompletionCallback& onDone,
-            Reads reads = Reads::kDefault) {
-    if (!prepare(request, headers, onData, onHeader, onDone)) return;
+            Reads reads = Reads::kDefault, const std::string* cookie = nullptr) {
+    if (!prepare(request, headers, onData, onHeader, onDone, cookie)) return;
     if (reads == Reads::kLarge) {
         curl_easy_setopt(request.impl->curl_handle, CURLOPT_BUFFERSIZE, kDownloadBufferBytes);
     }
@@ -195,9 +199,7 @@ void WebRequest::getAsync(std::string const& user, std::string const& password,
                           std::string const& cookie, std::vector<std::string>& headers,
                           DataReceivedCallback const& onData, DataReceivedCallback const& onHeader,
                           CompletionCallback const& onDone) {
-    if (impl->curl_handle == nullptr) return;
-    this->cookie = cookie;  // stored first so that the set-up sends it
-    runGet(*this, &headers, user, password, onData, &onHeader, onDone);
+    runGet(*this, &headers, user, password, onData, &onHeader, onDone, Reads::kDefault, &cookie);
 }
 
 void WebRequest::downloadAsync(DataReceivedCallback const& onData, CompletionCallback const& onDone) {

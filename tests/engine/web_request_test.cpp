@@ -219,10 +219,16 @@ TEST(WebRequestVerbs, ASecondVerbWaitsForAbortThenStartsAfresh) {
         ASSERT_EQ(reused.wait(5000), 0);
         reused.abort();
         Collected answer;
-        reused.getAsync(headers, answer.callback(), {});
+        reused.getAsync("", "", "sid=1", headers, answer.callback(), ignore, {});
         ASSERT_EQ(reused.wait(5000), 0);
-        EXPECT_EQ(lastRequest(server).method + " " + lastRequest(server).body, "GET ") << host;
+        RecordedRequest seen = lastRequest(server);
+        EXPECT_EQ(seen.method + " " + seen.body + " " + headerOf(seen, "Cookie"), "GET  sid=1") << host;
         EXPECT_EQ(answer.text.rfind("GET /echo", 0), 0u) << host << ": waited for the second transfer";
+        reused.abort();
+        reused.downloadAsync(ignore, {});
+        ASSERT_EQ(reused.wait(5000), 0);
+        seen = lastRequest(server);
+        EXPECT_EQ(headerOf(seen, "X-First") + headerOf(seen, "Cookie"), "") << host << ": no line of the earlier verb";
     }
 }
 
