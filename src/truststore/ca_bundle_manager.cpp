@@ -127,8 +127,9 @@ void refreshCaBundle() { CaBundleProvider::GetInstance()->UpdateCaFile(); }
 
 void refreshCaBundleOnFailure() {
     CaBundleManager* manager = CaBundleProvider::GetInstance();
-    // Checked before status_mutex, which the CA handler's thread holds.
-    if (truststore::refreshRefusedOnThisThread()) return;
+    // The CA handler's thread holds status_mutex: refused before taking it.
+    // (Other refusals are DownloadTask's, after the status check.)
+    if (webclient::thisThreadHolds().ca_file_writes > 0 && truststore::refreshRefusedOnThisThread()) return;
     {
         truststore::Lock lock(manager->status_mutex);
         WC_LOG_DEBUG("[UpdateCaFileOnFailure] current status: %d", manager->bundle_status);
