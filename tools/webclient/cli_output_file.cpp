@@ -14,7 +14,7 @@
 namespace {
 
 // The temporary file's name for the signal handler (which may only make
-// async-signal-safe calls); empty when there is none.
+// async-signal-safe calls); empty when an interruption must leave it.
 char g_temporaryPath[PATH_MAX + 32];
 
 void rememberTemporary(const std::string& path) {
@@ -36,16 +36,17 @@ std::string directoryOf(const std::string& path) {
 }
 
 // The file a path names, following symbolic links even when the last one
-// points at a file that does not exist yet.
-std::string followLinks(std::string path) {
+// points at a file that does not exist yet; false for a loop.
+bool followLinks(std::string& path) {
     for (int hops = 0; hops < 40; ++hops) {
         char target[PATH_MAX];
         const ssize_t length = ::readlink(path.c_str(), target, sizeof target - 1);
-        if (length < 0) return path;
+        if (length < 0) return true;
         target[length] = '\0';
         path = target[0] == '/' ? std::string(target) : directoryOf(path) + "/" + target;
     }
-    return path;
+    errno = ELOOP;
+    return false;
 }
 
 mode_t modeForNewFile() {
@@ -56,9 +57,20 @@ mode_t modeForNewFile() {
 
 std::string failure(const std::string& what) { return what + ": " + std::strerror(errno); }
 
+bool writeAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        const ssize_t wrote = ::write(fd, data, size);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote <= 0) return false;
+        data += wrote;
+        size -= static_cast<size_t>(wrote);
+    }
+    return true;
+}
+
 }  // namespace
 
-OutputFile::OutputFile(std::string path) : target_(followLinks(std::move(path))) {}
+OutputFile::OutputFile(std::string path) : target_(std::move(path)) {}
 
 OutputFile::~OutputFile() {
     if (temporary_.empty()) return;
@@ -68,7 +80,15 @@ OutputFile::~OutputFile() {
 
 std::FILE* OutputFile::open(std::string& error) {
     struct stat existing;
+    if (!followLinks(target_)) {
+        error = failure("cannot use " + target_);
+        return nullptr;
+    }
     targetExists_ = ::stat(target_.c_str(), &existing) == 0;
+    if (!targetExists_ && errno != ENOENT) {
+        error = failure("cannot use " + target_);
+        return nullptr;
+    }
     if (targetExists_ && !S_ISREG(existing.st_mode)) {
         std::FILE* stream = std::fopen(target_.c_str(), "we");
         if (stream == nullptr) error = failure("cannot open " + target_ + " for writing");
@@ -78,13 +98,14 @@ std::FILE* OutputFile::open(std::string& error) {
         error = failure("cannot write " + target_);
         return nullptr;
     }
-    // Beside the target when we may create files there; an existing file in
-    // a directory we may not write to is overwritten from a temporary file
-    // elsewhere.
+    mode_ = targetExists_ ? existing.st_mode & 07777 : modeForNewFile();
+    byRename_ = !targetExists_ || (existing.st_nlink == 1 && existing.st_uid == ::geteuid());
     std::FILE* stream = openTemporary(directoryOf(target_), error);
     if (stream == nullptr && targetExists_) {
+        // A directory we may not create files in: overwrite from elsewhere.
         const char* elsewhere = std::getenv("TMPDIR");
         error.clear();
+        byRename_ = false;
         stream = openTemporary(elsewhere != nullptr && *elsewhere != '\0' ? elsewhere : "/tmp", error);
     }
     return stream;
@@ -93,14 +114,13 @@ std::FILE* OutputFile::open(std::string& error) {
 std::FILE* OutputFile::openTemporary(const std::string& directory, std::string& error) {
     const size_t slash = target_.rfind('/');
     std::string pattern = directory + "/." + target_.substr(slash == std::string::npos ? 0 : slash + 1) + ".XXXXXX";
-    const int fd = ::mkostemp(&pattern[0], O_CLOEXEC);
+    const int fd = ::mkostemp(&pattern[0], O_CLOEXEC);  // mode 0600 until it is the target
     if (fd < 0) {
         error = failure("cannot create a file in " + directory);
         return nullptr;
     }
     temporary_ = pattern;
     rememberTemporary(pattern);
-    (void)::fchmod(fd, modeForNewFile());
     std::FILE* stream = ::fdopen(fd, "w+");
     if (stream == nullptr) {
         error = failure("cannot write " + pattern);
@@ -115,7 +135,11 @@ bool OutputFile::commit(std::FILE* written, std::string& error) {
         return false;
     }
     if (temporary_.empty()) return true;
-    if (targetExists_) return copyIntoTarget(written, error);
+    return byRename_ ? renameIntoTarget(written, error) : copyIntoTarget(written, error);
+}
+
+bool OutputFile::renameIntoTarget(std::FILE* written, std::string& error) {
+    (void)::fchmod(::fileno(written), mode_);
     if (::rename(temporary_.c_str(), target_.c_str()) != 0) {
         error = failure("cannot put the download in place of " + target_);
         return false;
@@ -125,23 +149,42 @@ bool OutputFile::commit(std::FILE* written, std::string& error) {
     return true;
 }
 
+// The target's room is reserved before its old bytes are touched, so a full
+// disk fails it unchanged. From then on the temporary file holds the only
+// whole copy: an interruption or a failure leaves it, and the error names it.
 bool OutputFile::copyIntoTarget(std::FILE* written, std::string& error) {
-    std::FILE* target = std::fopen(target_.c_str(), "we");
-    if (target == nullptr) {
+    struct stat downloaded;
+    const int target = ::open(target_.c_str(), O_WRONLY | O_CLOEXEC);
+    if (target < 0 || ::fstat(::fileno(written), &downloaded) != 0) {
         error = failure("cannot open " + target_ + " for writing");
+        if (target >= 0) ::close(target);
         return false;
     }
+    const int reserved = downloaded.st_size > 0 ? ::posix_fallocate(target, 0, downloaded.st_size) : 0;
+    if (reserved != 0) {
+        ::close(target);
+        errno = reserved;
+        error = failure("no room to put the download in place of " + target_);
+        return false;
+    }
+    g_temporaryPath[0] = '\0';
     std::rewind(written);
     char buffer[65536];
     size_t got = 0;
     bool copied = true;
-    while (copied && (got = std::fread(buffer, 1, sizeof buffer, written)) > 0) {
-        copied = std::fwrite(buffer, 1, got, target) == got;
+    while (copied && (got = std::fread(buffer, 1, sizeof buffer, written)) > 0) copied = writeAll(target, buffer, got);
+    copied = copied && std::ferror(written) == 0 && ::ftruncate(target, downloaded.st_size) == 0;
+    if (::close(target) != 0) copied = false;
+    if (!copied) {
+        error = failure("copying the download into " + target_ + " failed") + "; it is kept in " + temporary_;
+        keepTemporary();
     }
-    copied = copied && std::ferror(written) == 0;
-    if (std::fclose(target) != 0) copied = false;
-    if (!copied) error = failure("copying the download into " + target_ + " failed");
     return copied;
+}
+
+void OutputFile::keepTemporary() {
+    temporary_.clear();
+    g_temporaryPath[0] = '\0';
 }
 
 void removeTemporaryDownloadOnSignals() {

@@ -1,10 +1,15 @@
 // The file a `webclient download` writes, so that a failed download leaves
-// an existing file as it was. The body goes to a temporary file first; on
-// success a new file is renamed into place, and an existing regular file is
-// overwritten in place from it (its owner, mode and other links stay). A
-// device or pipe (-o /dev/null) is written directly. Symbolic links are
-// followed, also to a file that does not exist yet.
+// an existing file as it was. The body goes to a temporary file (private
+// until committed) first. On success a new file, or an existing one that is
+// ours alone (one link), is renamed into place, keeping the old mode. Any
+// other existing file (more links, another owner, a directory we may not
+// write to) is overwritten in place, its room reserved first; should that
+// still fail, the complete download is kept in the temporary file and the
+// error names it. A device or pipe (-o /dev/null) is written directly.
+// Symbolic links are followed, also to a file that does not exist yet.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdio>
 #include <string>
@@ -12,7 +17,7 @@
 class OutputFile {
 public:
     explicit OutputFile(std::string path);
-    ~OutputFile();  // removes the temporary file unless it was committed
+    ~OutputFile();  // removes the temporary file unless committed or kept
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
@@ -26,11 +31,15 @@ public:
 
 private:
     std::FILE* openTemporary(const std::string& directory, std::string& error);
+    bool renameIntoTarget(std::FILE* written, std::string& error);
     bool copyIntoTarget(std::FILE* written, std::string& error);
+    void keepTemporary();
 
     std::string target_;
     std::string temporary_;
     bool targetExists_ = false;
+    bool byRename_ = true;
+    mode_t mode_ = 0;  // the mode the target gets when renamed into place
 };
 
 // Removes a download's temporary file when the program is interrupted
