@@ -127,8 +127,9 @@ void runCustom(WebRequest& request, const char* method, const std::vector<std::s
         // libcurl keeps a custom method across every redirect but drops the
         // body on 301 and 302 as for a POST: the next location would get an
         // empty write. There method and body travel together, as on 307 and
-        // 308. A 303 says the write is done and its answer is elsewhere: it
-        // is not repeated there (libcurl 7.88 sends the method without body).
+        // 308. A 303 says the write is done and its answer is elsewhere: the
+        // body is not sent there again (libcurl 7.88 still sends the bare
+        // method; it cannot turn a custom method into GET).
         curl_easy_setopt(request.impl->curl_handle, CURLOPT_POSTREDIR,
                          static_cast<long>(CURL_REDIR_POST_301 | CURL_REDIR_POST_302));
     }
