@@ -5,6 +5,7 @@
 #include "engine/close_on_exec_socket.h"
 #include "engine/handle_renewal.h"
 #include "engine/header_lines.h"
+#include "engine/upload_reader.h"
 #include "util/callback_barrier.h"
 #include "util/log.h"
 #include "webclient/flat_api.h"
@@ -142,14 +143,15 @@ int EasyWebClient::uploadByPost(std::string const& url, std::string const& user,
                                 std::string& response) {
     WC_LOG_DEBUG("[%s] url: %s.", "uploadByPost", get_printable_url(url).c_str());
     if (curl_handle == nullptr) return -1;
+    if (webclient::namesDirectory(filePath)) {
+        WC_LOG_ERROR("[%s] cannot upload %s: it is a directory", "uploadByPost", filePath.c_str());
+        return -1;
+    }
     setupRequest(url, user, password, kNoCookie, headers);
     if (!filePath.empty()) {
         // A form of its own, so that an object used again neither leaks nor
         // resends the earlier call's file.
-        curl_httppost* form = nullptr;
-        curl_httppost* last = nullptr;
-        curl_formadd(&form, &last, CURLFORM_COPYNAME, fieldName.c_str(), CURLFORM_FILE, filePath.c_str(),
-                     CURLFORM_CONTENTTYPE, "application/octet-stream", CURLFORM_END);
+        curl_httppost* form = webclient::buildUploadForm(nullptr, fieldName, filePath);
         curl_easy_setopt(curl_handle, CURLOPT_HTTPPOST, form);
         if (form_post != nullptr) curl_formfree(form_post);
         form_post = form;

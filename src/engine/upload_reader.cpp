@@ -51,3 +51,27 @@ void sendFileAsBody(CURL* handle, UploadSource& source, std::FILE* stream, const
     curl_easy_setopt(handle, CURLOPT_SEEKDATA, &source);
     curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE, source.announced);
 }
+
+namespace webclient {
+
+bool namesDirectory(const std::string& path) {
+    struct stat info;
+    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+curl_httppost* buildUploadForm(const std::map<std::string, std::string>* formFields, const std::string& fieldName,
+                               const std::string& filePath) {
+    curl_httppost* first = nullptr;
+    curl_httppost* last = nullptr;
+    if (formFields != nullptr) {
+        for (const auto& field : *formFields) {
+            curl_formadd(&first, &last, CURLFORM_COPYNAME, field.first.c_str(), CURLFORM_COPYCONTENTS,
+                         field.second.c_str(), CURLFORM_END);
+        }
+    }
+    curl_formadd(&first, &last, CURLFORM_COPYNAME, fieldName.c_str(), CURLFORM_FILE, filePath.c_str(),
+                 CURLFORM_CONTENTTYPE, "application/octet-stream", CURLFORM_END);
+    return first;
+}
+
+}  // namespace webclient

@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <map>
+#include <string>
 
 #include <curl/curl.h>
 
@@ -23,3 +25,17 @@ struct UploadSource {
 // Points `handle` at `stream` through `source`, which must outlive the
 // transfer; `info` is the stream's status.
 void sendFileAsBody(CURL* handle, UploadSource& source, std::FILE* stream, const struct stat& info);
+
+namespace webclient {
+
+// libcurl's form reader sends a directory as an empty file part, and the
+// server answers an upload that never happened with 200: both clients
+// refuse such a path before anything is sent.
+bool namesDirectory(const std::string& path);
+
+// One part per form field (map order, none for a null map), then the file
+// part named `fieldName` with the contents of the file at `filePath`.
+curl_httppost* buildUploadForm(const std::map<std::string, std::string>* formFields, const std::string& fieldName,
+                               const std::string& filePath);
+
+}  // namespace webclient

@@ -136,34 +136,22 @@ void runCustom(WebRequest& request, const char* method, const std::vector<std::s
     dispatch(request);
 }
 
-// One part per form field (map order), then the file part.
-curl_httppost* buildForm(const std::map<std::string, std::string>* formFields,
-                         const std::string& fieldName, const std::string& filePath) {
-    curl_httppost* first = nullptr;
-    curl_httppost* last = nullptr;
-    if (formFields != nullptr) {
-        for (const auto& field : *formFields) {
-            curl_formadd(&first, &last, CURLFORM_COPYNAME, field.first.c_str(), CURLFORM_COPYCONTENTS,
-                         field.second.c_str(), CURLFORM_END);
-        }
-    }
-    curl_formadd(&first, &last, CURLFORM_COPYNAME, fieldName.c_str(), CURLFORM_FILE,
-                 filePath.c_str(), CURLFORM_CONTENTTYPE, "application/octet-stream", CURLFORM_END);
-    return first;
-}
-
 void runFormUpload(WebRequest& request, const std::vector<std::string>& headers,
                    const std::string& user, const std::string& password,
                    const std::map<std::string, std::string>* formFields,
                    const std::string& fieldName, const std::string& filePath,
                    const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
                    const CompletionCallback& onDone) {
+    if (webclient::namesDirectory(filePath)) {
+        WC_LOG_ERROR("[%s] cannot upload %s: it is a directory", request.getPrintableUrl().c_str(), filePath.c_str());
+        throw WebException("cannot upload a directory", nullptr);
+    }
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCredentials(request, user, password);
     CURL* handle = request.impl->curl_handle;
     if (!filePath.empty()) {
         curl_httppost* earlierForm = request.impl->form_post;
-        request.impl->form_post = buildForm(formFields, fieldName, filePath);
+        request.impl->form_post = webclient::buildUploadForm(formFields, fieldName, filePath);
         curl_easy_setopt(handle, CURLOPT_HTTPPOST, request.impl->form_post);
         if (earlierForm != nullptr) curl_formfree(earlierForm);  // the handle no longer points at it
     } else {

@@ -78,6 +78,9 @@ TEST(EasyWebClient, UploadsWithAndWithoutAFile) {
         EXPECT_EQ(client.uploadByPost(target, "", "", none, "other", other.path(), response), 200);
         ASSERT_EQ(lastRequest(server).parts.size(), 1u);
         EXPECT_EQ(lastRequest(server).parts[0].content, "second upload");
+        const size_t seen = server.requests().size();
+        EXPECT_EQ(client.uploadByPost(target, "", "", none, "dir", "/tmp", response), -1);
+        EXPECT_EQ(server.requests().size(), seen) << "a directory is no file to send";
     }
     {
         StdinWithData stdinData("must not be sent");

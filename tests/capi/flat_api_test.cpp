@@ -117,6 +117,13 @@ TEST_P(FlatFunctions, UploadReturnsNullForEmptyBodyAndChecksArguments) {
               nullptr);
     EXPECT_EQ(code, -7);
     EXPECT_EQ(log.count("webClientUploadByPost invalid argument!"), 1u);
+
+    // libcurl would send a directory as an empty file, and the server answer 200.
+    const size_t seen = server.requests().size();
+    EXPECT_EQ(webClientUploadByPost(url("/echo").c_str(), "u", "p", nullptr, "f", "/tmp", &code, false), nullptr);
+    EXPECT_EQ(code, -7);
+    EXPECT_EQ(log.count("[webClientUploadByPost] Exception : cannot upload a directory"), 1u);
+    EXPECT_EQ(server.requests().size(), seen) << "nothing sent";
 }
 
 TEST_P(FlatFunctions, DownloadsWriteTheFileAndReportStatus) {
