@@ -94,27 +94,31 @@ void WebClient::impl::downloadStreamCallback(std::shared_ptr<FILE> file, downloa
     // stdio holds back what does not fill a block: without the flush a full
     // disk would show only at the caller's fclose, after a reported success.
     if (written == size && fflush(file.get()) != 0) written = 0;
+    const int writeError = errno;  // before the host's lock can change it
     // A file that lost data is no download, bookkeeping or not.
     if (written < size) chunk->cancel = true;
-    if (param->progress_lock == nullptr) {
-        if (written < size) WC_LOG_ERROR("write file error, download will be cancelled: %s", strerror(errno));
-        return;
-    }
+    bool recorded = false, failed = false;
     std::string failure;
-    bool failed = false;
-    {
+    if (param->progress_lock != nullptr) {
         utilities::lock::lock_guard guard(param->progress_lock);
         // Without the lock the map would race with the host; the chunk is
         // already on disk, so only this chunk's bookkeeping is skipped.
-        if (!guard.owns() || param->progress_map == nullptr) return;
-        try {
-            recordProgress(*param, *chunk, written);
-        } catch (const WebException& error) {
-            failed = true;
-            failure = error.what();
+        if (guard.owns() && param->progress_map != nullptr) {
+            recorded = true;
+            try {
+                recordProgress(*param, *chunk, written);
+            } catch (const WebException& error) {
+                failed = true;
+                failure = error.what();
+            }
         }
     }
-    // Logged after the host's lock is released: the host's logger may be slow.
+    // The bookkeeping names the image in its own line; without it the loss
+    // must still show in the log. Logged after the host's lock is released:
+    // the host's logger may be slow.
+    if (written < size && !recorded) {
+        WC_LOG_ERROR("write file error, download will be cancelled: %s", strerror(writeError));
+    }
     if (failed) WC_LOG_DEBUG("downloadStreamCallback %s", failure.c_str());
 }
 
@@ -132,7 +136,8 @@ bool downloadArgumentsUsable(const download_param* param, const std::shared_ptr<
         WC_LOG_ERROR("[downloadStream] invalid argument: %s", param == nullptr ? "no download_param" : "no file");
         return false;
     }
-    if (param->progress_lock != nullptr && !(param->progress_divisor > 0.0)) {
+    const bool bookkeeping = param->progress_lock != nullptr && param->progress_map != nullptr;
+    if (bookkeeping && !(param->progress_divisor > 0.0)) {
         WC_LOG_ERROR("[downloadStream] progress_divisor is not positive: no progress reports for %s",
                      param->image_name.c_str());
     }
