@@ -1,12 +1,20 @@
 #include "util/lock_guard.h"
 
+#include <cerrno>
+
 #include "webclient/host.h"
 
 namespace utilities {
 namespace lock {
 
 lock_guard::lock_guard(pthread_mutex_t* mutex) noexcept : mutex_(mutex) {
-    if (mutex_ != nullptr && pthread_mutex_lock(mutex_) != 0) {
+    if (mutex_ == nullptr) return;
+    int locked = pthread_mutex_lock(mutex_);
+    // A robust mutex whose owner died comes back held: forgetting it would
+    // leave it locked for good (and this thread's next lock would wait for
+    // itself). It is made usable again and kept.
+    if (locked == EOWNERDEAD) locked = pthread_mutex_consistent(mutex_);
+    if (locked != 0) {
         mutex_ = nullptr;
         print_back_trace();
     }

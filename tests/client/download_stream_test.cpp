@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
+#include <thread>
+
 #include "support/log_capture.h"
 #include "support/server_util.h"
 #include "support/test_helpers.h"
@@ -80,6 +82,24 @@ TEST_F(ProgressJob, FourImageJobReportsRisingSharesAndCompletesEachImage) {
         EXPECT_EQ(readWholeFile(out.path()), pattern(1048576)) << name;
     }
     EXPECT_TRUE(wellFormed);
+}
+
+// A host may guard its map with a robust mutex; one whose owner thread died
+// is held by the next locker, and must be given back after each chunk.
+TEST_F(ProgressJob, AHostLockWhoseOwnerDiedIsTakenOverAndGivenBack) {
+    pthread_mutexattr_t robust;
+    pthread_mutexattr_init(&robust);
+    pthread_mutexattr_setrobust(&robust, PTHREAD_MUTEX_ROBUST);
+    pthread_mutex_destroy(&lock);
+    pthread_mutex_init(&lock, &robust);
+    std::thread([this] { pthread_mutex_lock(&lock); }).join();
+    TempFile out;
+    download_param param = job("/bytes/200000", "img");
+    int code = 0;
+    EXPECT_EQ(client.downloadStream(&param, openForWriting(out.path()), &code, false), "");
+    EXPECT_EQ(map["job"]["img"].downloaded, 200000.0) << "every chunk counted under the lock";
+    ASSERT_EQ(pthread_mutex_trylock(&lock), 0);
+    pthread_mutex_unlock(&lock);
 }
 
 TEST_F(ProgressJob, HostCancelStopsAfterOneMoreChunk) {
