@@ -1,7 +1,11 @@
 // TLS for secure requests: peer and host verification with a fixed cipher
 // list, trusted CAs chosen per platform by an SSL_CTX hook, and an extra
 // check that the server certificate allows TLS server authentication.
+#include <sys/stat.h>
+
+#include <cmath>
 #include <cstring>
+#include <ctime>
 #include <memory>
 
 #include <openssl/err.h>
@@ -56,6 +60,29 @@ bool listsServerAuth(const EXTENDED_KEY_USAGE* eku) {
     return false;
 }
 
+// A kept connection was verified against the CA file as it was when the
+// connection was made, and libcurl reuses it without a new handshake: after
+// a refresh dropped its issuer, a device polled more often than the idle
+// limit would never be checked again. Connections older than the CA file
+// are therefore not reused. libcurl counts their age in whole seconds, so
+// the limit is one second short of the file's age, and within two seconds
+// of a change no connection is reused at all. (Measured against the wall
+// clock, as the file's time is: a clock stepped forward after a change
+// widens the limit.)
+void refuseConnectionsOlderThan(CURL* handle, const std::string& caFile) {
+    struct stat info;
+    timespec now;
+    if (caFile.empty() || stat(caFile.c_str(), &info) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) return;
+    const double age = static_cast<double>(now.tv_sec - info.st_mtim.tv_sec) +
+                       static_cast<double>(now.tv_nsec - info.st_mtim.tv_nsec) / 1e9;
+    const long limit = age < 2.0 ? 0 : static_cast<long>(std::floor(age)) - 1;
+    if (limit < 1) {
+        (void)curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);
+    } else {
+        (void)curl_easy_setopt(handle, CURLOPT_MAXLIFETIME_CONN, limit);
+    }
+}
+
 // Options rows in order; stops at the first failure and returns its code.
 CURLcode applySecureOptions(WebRequest& request, const std::string& certDir) {
     CURL* handle = request.impl->curl_handle;
@@ -76,7 +103,9 @@ CURLcode applySecureOptions(WebRequest& request, const std::string& certDir) {
     // libcurl would otherwise keep the first connection's CA store for a day
     // and share it between connections; every new connection must load the
     // CA file as it is now (it may have been replaced by a refresh).
-    if (code == CURLE_OK) (void)curl_easy_setopt(handle, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+    if (code != CURLE_OK) return code;
+    (void)curl_easy_setopt(handle, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+    refuseConnectionsOlderThan(handle, request.ca_file);
     return code;
 }
 

@@ -3,11 +3,16 @@
 // localhost (caller's thread).
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <future>
+#include <thread>
 
 #include "engine/verbose_log.h"
 #include "engine/web_request_impl.h"
@@ -248,6 +253,41 @@ TEST_P(TlsVerify, FirstAttemptFailsThenRefreshedBundleVerifies) {
     EXPECT_FALSE(error.empty()) << "the first attempt's error text stays";
     EXPECT_EQ(handled, 2);
     EXPECT_EQ(sandbox.status(), 2);
+}
+
+// A kept connection was verified against the CA file as it was then. Once
+// the file is replaced, the next request must verify the peer again, also
+// when the change is some seconds old.
+TEST_P(TlsVerify, AReplacedCaFileIsCheckedOnTheNextRequest) {
+    const std::string host = GetParam();
+    // Connections stay open for longer than the two-second wait below.
+    const auto keepConnections = [](httplib::Server& s) { s.set_keep_alive_timeout(3); };
+    TestServer server(pki.tls("server"), host == "localhost" ? "127.0.0.1" : host, keepConnections);
+    TempFile caFile;
+    sandbox.store().ca_file = caFile.path();
+    const auto replaceCaFile = [&](const char* name, time_t secondsAgo) {
+        std::ofstream(caFile.path(), std::ios::trunc) << readWholeFile(pki.file(name));
+        const timespec times[2] = {{0, UTIME_OMIT}, {std::time(nullptr) - secondsAgo, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, caFile.path().c_str(), times, 0), 0);
+    };
+    const auto get = [&] {
+        WebRequest request(server.url(host, "/echo"), "GET", true);
+        request.getAsync(noHeaders, ignore, {});
+        request.wait(10000);
+        return request.impl->result;
+    };
+    replaceCaFile("ca.pem", 60);
+    LogCapture log;
+    EXPECT_EQ(get(), CURLE_OK);
+    EXPECT_EQ(get(), CURLE_OK);
+    EXPECT_EQ(log.countContaining("depth=0"), 1u) << "a connection newer than the CA file is reused";
+    replaceCaFile("other_ca.pem", 0);
+    EXPECT_EQ(get(), CURLE_PEER_FAILED_VERIFICATION) << "just replaced";
+    replaceCaFile("ca.pem", 60);
+    EXPECT_EQ(get(), CURLE_OK);
+    replaceCaFile("other_ca.pem", 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2200));
+    EXPECT_EQ(get(), CURLE_PEER_FAILED_VERIFICATION) << "replaced two seconds ago";
 }
 
 TEST_F(Tls, SecretsInVerboseOutputAreMasked) {
