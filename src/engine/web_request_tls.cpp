@@ -60,14 +60,18 @@ bool listsServerAuth(const EXTENDED_KEY_USAGE* eku) {
     return false;
 }
 
+// A file's time may be as coarse as this (FAT keeps even seconds; older
+// ext4 inodes whole ones): the file can be newer than its time says.
+constexpr double kFileTimeGrainSeconds = 2.0;
+
 // A kept connection was verified against the CA file as it was when the
 // connection was made, and libcurl reuses it without a new handshake: after
 // a refresh dropped its issuer, a device polled more often than the idle
 // limit would never be checked again. Connections older than the CA file
-// are therefore not reused. libcurl counts their age in whole seconds, so
-// the limit is one second short of the file's age, and within two seconds
-// of a change no connection is reused at all. (Measured against the wall
-// clock, as the file's time is: a clock stepped forward after a change
+// are therefore not reused: the limit is the file's age less the grain of
+// its time, less one second for libcurl's whole-second ages; while that
+// leaves no limit, no connection is reused at all. (Measured against the
+// wall clock, as the file's time is: a clock stepped forward after a change
 // widens the limit.)
 void refuseConnectionsOlderThan(CURL* handle, const std::string& caFile) {
     struct stat info;
@@ -75,7 +79,8 @@ void refuseConnectionsOlderThan(CURL* handle, const std::string& caFile) {
     if (caFile.empty() || stat(caFile.c_str(), &info) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) return;
     const double age = static_cast<double>(now.tv_sec - info.st_mtim.tv_sec) +
                        static_cast<double>(now.tv_nsec - info.st_mtim.tv_nsec) / 1e9;
-    const long limit = age < 2.0 ? 0 : static_cast<long>(std::floor(age)) - 1;
+    const double newestPossibleAge = age - kFileTimeGrainSeconds;
+    const long limit = newestPossibleAge < 1.0 ? 0 : static_cast<long>(std::floor(newestPossibleAge)) - 1;
     if (limit < 1) {
         (void)curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);
     } else {
