@@ -100,10 +100,11 @@ void WebClient::impl::downloadStreamCallback(std::shared_ptr<FILE> file, downloa
     bool recorded = false, failed = false;
     std::string failure;
     if (param->progress_lock != nullptr) {
+        // A lock that cannot be taken (already held by this thread, or
+        // broken for every thread) is reported by the guard; the chunk is
+        // still counted without it.
         utilities::lock::lock_guard guard(param->progress_lock);
-        // Without the lock the map would race with the host; the chunk is
-        // already on disk, so only this chunk's bookkeeping is skipped.
-        if (guard.owns() && param->progress_map != nullptr) {
+        if (param->progress_map != nullptr) {
             recorded = true;
             try {
                 recordProgress(*param, *chunk, written);
