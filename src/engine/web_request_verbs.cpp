@@ -142,7 +142,9 @@ void runFormUpload(WebRequest& request, const std::vector<std::string>& headers,
                    const std::string& fieldName, const std::string& filePath,
                    const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
                    const CompletionCallback& onDone) {
-    if (webclient::namesDirectory(filePath)) {
+    // Checked before the set-up, which would already change the handle; an
+    // inert request (no handle) does nothing, as for every verb.
+    if (request.impl->curl_handle != nullptr && webclient::namesDirectory(filePath)) {
         WC_LOG_ERROR("[%s] cannot upload %s: it is a directory", request.getPrintableUrl().c_str(), filePath.c_str());
         throw WebException("cannot upload a directory", nullptr);
     }
