@@ -23,7 +23,9 @@
 #include <initializer_list>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "truststore/child_process.h"
@@ -183,37 +185,94 @@ bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::ti
     return true;
 }
 
-// The parent of every process, from /proc/<pid>/stat ("pid (comm) state ppid ...";
-// comm may hold spaces and parentheses, so the fields after the last ')').
-std::multimap<pid_t, pid_t> childrenByParent() {
-    std::multimap<pid_t, pid_t> children;
-    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-    if (!proc) return children;
-    while (const dirent* entry = readdir(proc.get())) {
-        const pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name));
-        if (pid <= 0) continue;
-        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
-        std::string line;
-        std::getline(stat, line);
-        const size_t close = line.rfind(')');
-        if (close == std::string::npos || close + 4 >= line.size()) continue;
-        children.emplace(static_cast<pid_t>(std::atoi(line.c_str() + close + 4)), pid);
-    }
-    return children;
+// A process as /proc/<pid>/stat shows it: its parent, and its start time
+// (clock ticks after boot), which tells a process from a later one that
+// was given the same pid.
+struct ProcessStat {
+    pid_t pid = 0;
+    pid_t parent = 0;
+    unsigned long long started = 0;
+    bool ended = false;  // a zombie, waiting to be reaped
+};
+
+// "pid (comm) state ppid ... starttime ...": comm may hold spaces and
+// parentheses, so the fields are counted after the last ')'.
+bool readProcessStat(const char* pidText, ProcessStat& stat) {
+    std::ifstream file(std::string("/proc/") + pidText + "/stat");
+    std::string line;
+    std::getline(file, line);
+    const size_t close = line.rfind(')');
+    if (close == std::string::npos) return false;
+    std::istringstream fields(line.substr(close + 1));
+    std::string state;
+    long long parent = 0;
+    fields >> state >> parent;
+    std::string skipped;
+    for (int field = 5; field < 22 && fields; ++field) fields >> skipped;  // pgrp .. itrealvalue
+    fields >> stat.started;
+    stat.pid = static_cast<pid_t>(std::atoi(pidText));
+    stat.parent = static_cast<pid_t>(parent);
+    stat.ended = state == "Z";
+    return static_cast<bool>(fields) && stat.pid > 0;
 }
 
-// Kills the child and everything it started: a shell killed alone would
-// leave a hung openssl running for good.
-void killProcessTree(pid_t root) {
-    const std::multimap<pid_t, pid_t> children = childrenByParent();
-    std::vector<pid_t> tree = {root};
+// `root` and every process below it, parents before children.
+std::vector<ProcessStat> processTree(pid_t root) {
+    std::multimap<pid_t, ProcessStat> children;
+    ProcessStat rootStat;
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    while (proc) {
+        const dirent* entry = readdir(proc.get());
+        if (entry == nullptr) break;
+        ProcessStat stat;
+        if (!readProcessStat(entry->d_name, stat)) continue;
+        if (stat.pid == root) rootStat = stat;
+        children.emplace(stat.parent, stat);
+    }
+    std::vector<ProcessStat> tree = {rootStat};
+    tree[0].pid = root;
     for (size_t i = 0; i < tree.size(); ++i) {
-        const auto range = children.equal_range(tree[i]);
+        const auto range = children.equal_range(tree[i].pid);
         for (auto child = range.first; child != range.second; ++child) tree.push_back(child->second);
     }
-    // The root stays unreaped until pclose3, so its pid is still ours; its
-    // descendants were found while it lived and are killed first.
-    for (auto pid = tree.rbegin(); pid != tree.rend(); ++pid) (void)kill(*pid, SIGKILL);
+    return tree;
+}
+
+// Whether `process` still runs: its pid names the process that was found,
+// and that has not ended.
+bool stillRuns(const ProcessStat& process) {
+    ProcessStat now;
+    const std::string pidText = std::to_string(process.pid);
+    return readProcessStat(pidText.c_str(), now) && now.started == process.started && !now.ended;
+}
+
+// Signals the processes of `tree` that still run, deepest first.
+void signalProcesses(const std::vector<ProcessStat>& tree, int signal) {
+    for (auto process = tree.rbegin(); process != tree.rend(); ++process) {
+        if (stillRuns(*process)) (void)kill(process->pid, signal);
+    }
+}
+
+// Whether every process of `tree` has ended within `graceMs`.
+bool allEndWithin(const std::vector<ProcessStat>& tree, int graceMs) {
+    for (int waited = 0;; waited += 10) {
+        if (std::none_of(tree.begin(), tree.end(), stillRuns)) return true;
+        if (waited >= graceMs) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+constexpr int kTerminateGraceMs = 1000;
+
+// Ends the child and everything it started: a shell killed alone would
+// leave a hung openssl running for good. They are asked first, so that the
+// script removes its temporary file from the CA directory (a SIGKILL left
+// one there on every timed-out refresh); what still runs a second later is
+// killed. The root stays unreaped until pclose3, so its pid is still ours.
+void killProcessTree(pid_t root) {
+    const std::vector<ProcessStat> tree = processTree(root);
+    signalProcesses(tree, SIGTERM);
+    if (!allEndWithin(tree, kTerminateGraceMs)) signalProcesses(tree, SIGKILL);
 }
 
 std::string extractCommand(std::string const& bundle, std::string const& output) {

@@ -90,9 +90,12 @@ TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
         // Far more on stderr than a pipe holds before stdout ends: read one
         // stream after the other, this stalls until the time limit kills it.
         floodOf(2000, 2) + "echo first out\n" + floodOf(2000, 1) + "exit 1",
-        "exec sleep 600",
+        "trap '' TERM\nexec sleep 600",  // deaf to being asked: killed a second later
         "exec >&- 2>&-\nexec sleep 600",  // both outputs end long before it does
         "sleep 600 &\nwait",  // the shell's own child must go with it
+        // The real script with openssl hung: it must get the chance to
+        // remove its temporary file from the CA directory.
+        "openssl() { sleep 600; }\n" + readWholeFile(std::string(WEBCLIENT_SOURCE_DIR) + "/tools/extract_ca_bundle.sh"),
     };
     // Orphans come to this process, so none can escape notice.
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
@@ -107,7 +110,10 @@ TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
         // orphaned grandchildren count.
         EXPECT_TRUE(eventually(noChildren)) << script;
     }
-    EXPECT_EQ(log.countContaining("still running after 5000 ms, killed"), 3u) << "the hung ones only";
+    EXPECT_EQ(log.countContaining("still running after 5000 ms, killed"), 4u) << "the hung ones only";
+    for (const auto& entry : fs::directory_iterator(fs::path(kCaBundlePem).parent_path())) {
+        EXPECT_EQ(entry.path().filename().string().rfind(".ca-bundle.", 0), std::string::npos) << entry.path();
+    }
     EXPECT_EQ(log.countContaining(" stdout: first out"), 1u);
     EXPECT_EQ(log.countContaining(" stderr: line 0 " + std::string(50, '.')), 1u);
     EXPECT_EQ(openDescriptors(), before);
