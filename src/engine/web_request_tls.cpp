@@ -111,6 +111,10 @@ CURLcode applySecureOptions(WebRequest& request, const std::string& certDir) {
     if (code != CURLE_OK) return code;
     (void)curl_easy_setopt(handle, CURLOPT_CA_CACHE_TIMEOUT, 0L);
     refuseConnectionsOlderThan(handle, request.ca_file);
+    // A resumed TLS session is not verified again: one cached on a reused
+    // easy handle (libcurl 8.1 and later) would carry a verdict made under
+    // an earlier CA file onto a new connection.
+    (void)curl_easy_setopt(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     return code;
 }
 
