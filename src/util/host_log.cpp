@@ -1,14 +1,16 @@
 // Stand-in for the host agent's logger: one line per call on standard
 // error as "<level> [<module>] <text>" ("debug <text>" for the host's
 // debug channel), or to a sink installed by a host or a test.
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 
+#include "util/lock_guard.h"
 #include "webclient/host.h"
 
 namespace {
@@ -17,8 +19,28 @@ constexpr int kLevelUnset = -1;
 constexpr int kHostDebugModule = -1;
 
 std::atomic<int> g_threshold{kLevelUnset};
-std::mutex g_sink_mutex;
-WebClientLogSink g_sink;  // guarded by g_sink_mutex
+
+// The installed sink. A sink is called under the read lock, so replacing
+// it waits for the calls in flight: its owner may free what it uses as soon
+// as it is replaced (a test's capture does). Writers go first, or threads
+// that log without pause would keep a replacement waiting. Made once and
+// never destroyed: host threads may still log during exit().
+struct SinkSlot {
+    SinkSlot() {
+        pthread_rwlockattr_t attributes;
+        pthread_rwlockattr_init(&attributes);
+        pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+        pthread_rwlock_init(&lock, &attributes);
+        pthread_rwlockattr_destroy(&attributes);
+    }
+    pthread_rwlock_t lock;
+    WebClientLogSink sink;  // guarded by lock
+};
+
+SinkSlot& sinkSlot() {
+    static SinkSlot* const slot = new SinkSlot();
+    return *slot;
+}
 
 int levelFromEnvironment() {
     const char* value = std::getenv("WEBCLIENT_LOG_LEVEL");
@@ -69,20 +91,26 @@ std::string formatText(const char* format, va_list args) {
     return text;
 }
 
-void emit(int level, int module, const char* format, va_list args) {
-    if (level < threshold()) return;
-    std::string text = formatText(format, args);
-    WebClientLogSink sink;
-    {
-        std::lock_guard<std::mutex> guard(g_sink_mutex);
-        sink = g_sink;
-    }
-    if (sink) {
-        sink(level, module, text);
+void write(int level, int module, const std::string& text) {
+    SinkSlot& slot = sinkSlot();
+    utilities::lock::lock_guard_read reading(&slot.lock);
+    if (slot.sink) {
+        slot.sink(level, module, text);
     } else if (module == kHostDebugModule) {
         std::fprintf(stderr, "debug %s\n", text.c_str());
     } else {
         std::fprintf(stderr, "%s [%d] %s\n", levelName(level), module, text.c_str());
+    }
+}
+
+// Logging never ends its caller: a line that cannot be made (no memory) or
+// a sink that throws is dropped. The library logs from exception handlers
+// inside functions that must not throw.
+void emit(int level, int module, const char* format, va_list args) noexcept {
+    try {
+        if (level < threshold()) return;
+        write(level, module, formatText(format, args));
+    } catch (...) {
     }
 }
 
@@ -109,8 +137,10 @@ extern "C" void debug(const char* format, ...) {
 }
 
 void SetWebClientLogSink(WebClientLogSink sink) {
-    std::lock_guard<std::mutex> guard(g_sink_mutex);
-    g_sink = std::move(sink);
+    SinkSlot& slot = sinkSlot();
+    utilities::lock::lock_guard_write writing(&slot.lock);
+    std::swap(slot.sink, sink);
+    // The replaced sink (now in `sink`) is destroyed after the lock is released.
 }
 
 void SetWebClientLogLevel(int level) { g_threshold.store(level, std::memory_order_relaxed); }
