@@ -219,17 +219,14 @@ bool readProcessStat(const char* pidText, ProcessStat& stat) {
 // `root` and every process below it, parents before children.
 std::vector<ProcessStat> processTree(pid_t root) {
     std::multimap<pid_t, ProcessStat> children;
-    ProcessStat rootStat;
     std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
     while (proc) {
         const dirent* entry = readdir(proc.get());
         if (entry == nullptr) break;
         ProcessStat stat;
-        if (!readProcessStat(entry->d_name, stat)) continue;
-        if (stat.pid == root) rootStat = stat;
-        children.emplace(stat.parent, stat);
+        if (readProcessStat(entry->d_name, stat)) children.emplace(stat.parent, stat);
     }
-    std::vector<ProcessStat> tree = {rootStat};
+    std::vector<ProcessStat> tree(1);
     tree[0].pid = root;
     for (size_t i = 0; i < tree.size(); ++i) {
         const auto range = children.equal_range(tree[i].pid);
@@ -239,24 +236,35 @@ std::vector<ProcessStat> processTree(pid_t root) {
 }
 
 // Whether `process` still runs: its pid names the process that was found,
-// and that has not ended.
+// and that has not ended. One whose status cannot be read any more has
+// ended and been reaped (its parent was one of ours).
 bool stillRuns(const ProcessStat& process) {
     ProcessStat now;
     const std::string pidText = std::to_string(process.pid);
     return readProcessStat(pidText.c_str(), now) && now.started == process.started && !now.ended;
 }
 
-// Signals the processes of `tree` that still run, deepest first.
-void signalProcesses(const std::vector<ProcessStat>& tree, int signal) {
-    for (auto process = tree.rbegin(); process != tree.rend(); ++process) {
-        if (stillRuns(*process)) (void)kill(process->pid, signal);
-    }
+// Whether `root`, our child, has ended (it is left unreaped, so its pid
+// cannot have been given to another process).
+bool rootEnded(pid_t root) {
+    siginfo_t info = {};
+    return waitid(P_PID, static_cast<id_t>(root), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == root;
 }
 
-// Whether every process of `tree` has ended within `graceMs`.
-bool allEndWithin(const std::vector<ProcessStat>& tree, int graceMs) {
+// Signals the descendants of `tree` that still run, deepest first, then the
+// root itself: it is signalled even when /proc cannot be read (no
+// descriptor left, not mounted), so that a hung child always ends.
+void signalTree(pid_t root, const std::vector<ProcessStat>& tree, int signal) {
+    for (auto process = tree.rbegin(); process != tree.rend(); ++process) {
+        if (process->pid != root && stillRuns(*process)) (void)kill(process->pid, signal);
+    }
+    (void)kill(root, signal);
+}
+
+// Whether the root and every descendant found have ended within `graceMs`.
+bool treeEndsWithin(pid_t root, const std::vector<ProcessStat>& tree, int graceMs) {
     for (int waited = 0;; waited += 10) {
-        if (std::none_of(tree.begin(), tree.end(), stillRuns)) return true;
+        if (rootEnded(root) && std::none_of(tree.begin() + 1, tree.end(), stillRuns)) return true;
         if (waited >= graceMs) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -267,12 +275,16 @@ constexpr int kTerminateGraceMs = 1000;
 // Ends the child and everything it started: a shell killed alone would
 // leave a hung openssl running for good. They are asked first, so that the
 // script removes its temporary file from the CA directory (a SIGKILL left
-// one there on every timed-out refresh); what still runs a second later is
-// killed. The root stays unreaped until pclose3, so its pid is still ours.
+// one there on every timed-out refresh); what still runs a second later,
+// or was started meanwhile, is killed. The root stays unreaped until
+// pclose3, so its pid is still ours.
 void killProcessTree(pid_t root) {
-    const std::vector<ProcessStat> tree = processTree(root);
-    signalProcesses(tree, SIGTERM);
-    if (!allEndWithin(tree, kTerminateGraceMs)) signalProcesses(tree, SIGKILL);
+    std::vector<ProcessStat> tree = processTree(root);
+    signalTree(root, tree, SIGTERM);
+    if (treeEndsWithin(root, tree, kTerminateGraceMs)) return;
+    const std::vector<ProcessStat> later = processTree(root);
+    tree.insert(tree.end(), later.begin() + 1, later.end());
+    signalTree(root, tree, SIGKILL);
 }
 
 std::string extractCommand(std::string const& bundle, std::string const& output) {
