@@ -76,7 +76,9 @@ enum WebClientLogLevel { WEBCLIENT_LOG_DEBUG = 0, WEBCLIENT_LOG_INFO = 1,
 // Called on whichever thread logs; must be thread-safe and must not log.
 using WebClientLogSink = std::function<void(int level, int module, const std::string& text)>;
 // Installs `sink` (an empty function restores standard error). Returns once
-// no call of the replaced sink is running, so its state may then be freed.
+// no call of the replaced sink is running, so its state may then be freed:
+// do not hold a lock the sink takes while you replace it. A call from
+// inside the sink is ignored.
 WEBCLIENT_API void SetWebClientLogSink(WebClientLogSink sink);
 // Threshold; the default comes from $WEBCLIENT_LOG_LEVEL
 // (debug|info|warning|error), else warning. Setting -1 makes the next line

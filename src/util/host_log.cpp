@@ -1,6 +1,7 @@
 // Stand-in for the host agent's logger: one line per call on standard
 // error as "<level> [<module>] <text>" ("debug <text>" for the host's
 // debug channel), or to a sink installed by a host or a test.
+#include <cxxabi.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -27,20 +28,32 @@ std::atomic<int> g_threshold{kLevelUnset};
 // never destroyed: host threads may still log during exit().
 struct SinkSlot {
     SinkSlot() {
+        initLock();
+        // A child forked while another thread was in the sink (or waiting to
+        // replace it) would find the lock held for good: the child, with
+        // one thread, starts with a fresh one.
+        pthread_atfork(nullptr, nullptr, [] { sinkSlot().initLock(); });
+    }
+    void initLock() {
         pthread_rwlockattr_t attributes;
         pthread_rwlockattr_init(&attributes);
         pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
         pthread_rwlock_init(&lock, &attributes);
         pthread_rwlockattr_destroy(&attributes);
     }
+    static SinkSlot& sinkSlot() {
+        static SinkSlot* const slot = new SinkSlot();
+        return *slot;
+    }
     pthread_rwlock_t lock;
     WebClientLogSink sink;  // guarded by lock
 };
 
-SinkSlot& sinkSlot() {
-    static SinkSlot* const slot = new SinkSlot();
-    return *slot;
-}
+SinkSlot& sinkSlot() { return SinkSlot::sinkSlot(); }
+
+// Set while this thread runs the sink: replacing the sink from there would
+// wait for the very call it is made from.
+thread_local bool t_in_sink = false;
 
 int levelFromEnvironment() {
     const char* value = std::getenv("WEBCLIENT_LOG_LEVEL");
@@ -95,6 +108,10 @@ void write(int level, int module, const std::string& text) {
     SinkSlot& slot = sinkSlot();
     utilities::lock::lock_guard_read reading(&slot.lock);
     if (slot.sink) {
+        t_in_sink = true;
+        struct Leave {
+            ~Leave() { t_in_sink = false; }
+        } leave;
         slot.sink(level, module, text);
     } else if (module == kHostDebugModule) {
         std::fprintf(stderr, "debug %s\n", text.c_str());
@@ -105,11 +122,14 @@ void write(int level, int module, const std::string& text) {
 
 // Logging never ends its caller: a line that cannot be made (no memory) or
 // a sink that throws is dropped. The library logs from exception handlers
-// inside functions that must not throw.
-void emit(int level, int module, const char* format, va_list args) noexcept {
+// inside functions that must not throw. A thread being cancelled (at the
+// write, a cancellation point) unwinds on.
+void emit(int level, int module, const char* format, va_list args) {
     try {
         if (level < threshold()) return;
         write(level, module, formatText(format, args));
+    } catch (abi::__forced_unwind&) {
+        throw;
     } catch (...) {
     }
 }
@@ -137,6 +157,10 @@ extern "C" void debug(const char* format, ...) {
 }
 
 void SetWebClientLogSink(WebClientLogSink sink) {
+    if (t_in_sink) {
+        std::fprintf(stderr, "SetWebClientLogSink called from inside the log sink: ignored\n");
+        return;
+    }
     SinkSlot& slot = sinkSlot();
     utilities::lock::lock_guard_write writing(&slot.lock);
     std::swap(slot.sink, sink);

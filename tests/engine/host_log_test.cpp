@@ -19,4 +19,9 @@ TEST(HostLog, AReplacedSinkIsNeverCalledAgain) {
     }
     stop = true;
     writer.join();
+
+    // A sink that replaces itself would wait for its own call.
+    SetWebClientLogSink([](int, int, const std::string&) { SetWebClientLogSink(nullptr); });
+    orb_log_error(18, "a line for a sink that replaces itself");
+    SetWebClientLogSink(nullptr);
 }
