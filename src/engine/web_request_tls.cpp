@@ -72,11 +72,14 @@ constexpr double kFileTimeGrainSeconds = 2.0;
 // its time, less one second for libcurl's whole-second ages; while that
 // leaves no limit, no connection is reused at all. (Measured against the
 // wall clock, as the file's time is: a clock stepped forward after a change
-// widens the limit.)
+// widens the limit.) Without a file to date, no connection is reused.
 void refuseConnectionsOlderThan(CURL* handle, const std::string& caFile) {
     struct stat info;
     timespec now;
-    if (caFile.empty() || stat(caFile.c_str(), &info) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) return;
+    if (caFile.empty() || stat(caFile.c_str(), &info) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) {
+        (void)curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);
+        return;
+    }
     const double age = static_cast<double>(now.tv_sec - info.st_mtim.tv_sec) +
                        static_cast<double>(now.tv_nsec - info.st_mtim.tv_nsec) / 1e9;
     const double newestPossibleAge = age - kFileTimeGrainSeconds;
