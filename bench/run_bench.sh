@@ -52,6 +52,8 @@ echo "|---|---|---|---|---|"
 "$bench" sequential-numeric "$(origin 0)"
 "$bench" sequential-named "http://localhost:${ports[0]}"
 "$bench" parallel "$(origin 0)" "$(origin 1)" "$(origin 2)" "$(origin 3)"
+named() { echo "http://localhost:${ports[$1]}"; }
+"$bench" parallel-named "$(named 0)" "$(named 1)" "$(named 2)" "$(named 3)"
 # Six downloads each, alternated (the disk and the VM drift), and each
 # client first in half of the pairs: the first of a pair was slower for
 # either client. Medians of the rates, the largest peak memory.
