@@ -6,29 +6,20 @@
 // the refresh, which holds the CA file's write lock meanwhile. The buffers
 // end up exactly as fgets_some would have filled them, and the same
 // diagnostics go to stderr.
-#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <initializer_list>
-#include <map>
-#include <memory>
-#include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "truststore/child_process.h"
+#include "truststore/process_tree.h"
 #include "truststore/truststore_internal.h"
 #include "truststore/truststore_paths.h"
 #include "truststore/unique_fd.h"
@@ -143,17 +134,6 @@ bool childExited(pid_t pid, SeenExit& seen) {
     return true;
 }
 
-// Through syscall(): older C libraries have no wrapper. -1 when the kernel
-// has no pidfds; the exit is then polled for.
-int openPidFd(pid_t pid) {
-#ifdef SYS_pidfd_open
-    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-#else
-    (void)pid;
-    return -1;
-#endif
-}
-
 int millisecondsLeft(Clock::time_point deadline) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     return left.count() <= 0 ? 0 : static_cast<int>(std::min<long long>(left.count(), 60000));
@@ -163,7 +143,7 @@ int millisecondsLeft(Clock::time_point deadline) {
 // until the deadline. False when the deadline passed first.
 bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::time_point deadline,
                       SeenExit& seen) {
-    UniqueFd pidFd(openPidFd(pid));
+    UniqueFd pidFd(truststore::openPidFd(pid));
     bool exited = false;
     while (!(out.done && err.done && exited)) {
         const int left = millisecondsLeft(deadline);
@@ -185,107 +165,9 @@ bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::ti
     return true;
 }
 
-// A process as /proc/<pid>/stat shows it: its parent, and its start time
-// (clock ticks after boot), which tells a process from a later one that
-// was given the same pid.
-struct ProcessStat {
-    pid_t pid = 0;
-    pid_t parent = 0;
-    unsigned long long started = 0;
-    bool ended = false;  // a zombie, waiting to be reaped
-};
-
-// "pid (comm) state ppid ... starttime ...": comm may hold spaces and
-// parentheses, so the fields are counted after the last ')'.
-bool readProcessStat(const char* pidText, ProcessStat& stat) {
-    std::ifstream file(std::string("/proc/") + pidText + "/stat");
-    std::string line;
-    std::getline(file, line);
-    const size_t close = line.rfind(')');
-    if (close == std::string::npos) return false;
-    std::istringstream fields(line.substr(close + 1));
-    std::string state;
-    long long parent = 0;
-    fields >> state >> parent;
-    std::string skipped;
-    for (int field = 5; field < 22 && fields; ++field) fields >> skipped;  // pgrp .. itrealvalue
-    fields >> stat.started;
-    stat.pid = static_cast<pid_t>(std::atoi(pidText));
-    stat.parent = static_cast<pid_t>(parent);
-    stat.ended = state == "Z";
-    return static_cast<bool>(fields) && stat.pid > 0;
-}
-
-// `root` and every process below it, parents before children.
-std::vector<ProcessStat> processTree(pid_t root) {
-    std::multimap<pid_t, ProcessStat> children;
-    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-    while (proc) {
-        const dirent* entry = readdir(proc.get());
-        if (entry == nullptr) break;
-        ProcessStat stat;
-        if (readProcessStat(entry->d_name, stat)) children.emplace(stat.parent, stat);
-    }
-    std::vector<ProcessStat> tree(1);
-    tree[0].pid = root;
-    for (size_t i = 0; i < tree.size(); ++i) {
-        const auto range = children.equal_range(tree[i].pid);
-        for (auto child = range.first; child != range.second; ++child) tree.push_back(child->second);
-    }
-    return tree;
-}
-
-// Whether `process` still runs: its pid names the process that was found,
-// and that has not ended. One whose status cannot be read any more has
-// ended and been reaped (its parent was one of ours).
-bool stillRuns(const ProcessStat& process) {
-    ProcessStat now;
-    const std::string pidText = std::to_string(process.pid);
-    return readProcessStat(pidText.c_str(), now) && now.started == process.started && !now.ended;
-}
-
-// Whether `root`, our child, has ended (it is left unreaped, so its pid
-// cannot have been given to another process).
-bool rootEnded(pid_t root) {
-    siginfo_t info = {};
-    return waitid(P_PID, static_cast<id_t>(root), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == root;
-}
-
-// Signals the descendants of `tree` that still run, deepest first, then the
-// root itself: it is signalled even when /proc cannot be read (no
-// descriptor left, not mounted), so that a hung child always ends.
-void signalTree(pid_t root, const std::vector<ProcessStat>& tree, int signal) {
-    for (auto process = tree.rbegin(); process != tree.rend(); ++process) {
-        if (process->pid != root && stillRuns(*process)) (void)kill(process->pid, signal);
-    }
-    (void)kill(root, signal);
-}
-
-// Whether the root and every descendant found have ended within `graceMs`.
-bool treeEndsWithin(pid_t root, const std::vector<ProcessStat>& tree, int graceMs) {
-    for (int waited = 0;; waited += 10) {
-        if (rootEnded(root) && std::none_of(tree.begin() + 1, tree.end(), stillRuns)) return true;
-        if (waited >= graceMs) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-}
-
+// A script still running at its deadline gets this long to end after
+// SIGTERM before it is killed.
 constexpr int kTerminateGraceMs = 1000;
-
-// Ends the child and everything it started: a shell killed alone would
-// leave a hung openssl running for good. They are asked first, so that the
-// script removes its temporary file from the CA directory (a SIGKILL left
-// one there on every timed-out refresh); what still runs a second later,
-// or was started meanwhile, is killed. The root stays unreaped until
-// pclose3, so its pid is still ours.
-void killProcessTree(pid_t root) {
-    std::vector<ProcessStat> tree = processTree(root);
-    signalTree(root, tree, SIGTERM);
-    if (treeEndsWithin(root, tree, kTerminateGraceMs)) return;
-    const std::vector<ProcessStat> later = processTree(root);
-    tree.insert(tree.end(), later.begin() + 1, later.end());
-    signalTree(root, tree, SIGKILL);
-}
 
 std::string extractCommand(std::string const& bundle, std::string const& output) {
     return std::string(truststore_paths::kExtractScript) + " " + truststore_paths::kRootSigningCert + " " +
@@ -310,7 +192,7 @@ int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& out
     const bool finished = collectUntilExit(pid, out, err, deadline, seenExit);
     if (!finished) {
         WC_LOG_ERROR("[ExtractCa] %s still running after %lld ms, killed", command.c_str(), limitMs);
-        killProcessTree(pid);
+        truststore::endProcessTree(pid, kTerminateGraceMs);
     }
     WC_LOG_DEBUG("%s stdout: %s\n", command.c_str(), outBuffer);
     WC_LOG_DEBUG("%s stderr: %s\n", command.c_str(), errBuffer);

@@ -1,8 +1,10 @@
 // The trust store end to end: child processes of /bin/sh (popen3), the real
 // extraction script and openssl run by ExtractCa, bundles from a loopback
 // server, the host's handler, the CA file's read hold and the expiry timer.
+#include <linux/sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -117,6 +119,65 @@ TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
     EXPECT_EQ(log.countContaining(" stdout: first out"), 1u);
     EXPECT_EQ(log.countContaining(" stderr: line 0 " + std::string(50, '.')), 1u);
     EXPECT_EQ(openDescriptors(), before);
+}
+
+namespace {
+
+// Someone else's process (not a child of this one) made to take `pid`: a
+// helper child creates it with clone3's set_tid and waits for it, and exits
+// with 100 + the signal that ended it. Returns the helper's pid.
+pid_t startStrangerAt(pid_t pid) {
+    const pid_t helper = fork();
+    if (helper != 0) return helper;
+    signal(SIGCHLD, SIG_DFL);
+    clone_args args{};
+    args.exit_signal = SIGCHLD;
+    args.set_tid = reinterpret_cast<uintptr_t>(&pid);
+    args.set_tid_size = 1;
+    const long stranger = syscall(SYS_clone3, &args, sizeof args);
+    if (stranger == 0) {
+        for (;;) pause();
+    }
+    int status = 0;
+    if (stranger < 0 || waitpid(static_cast<pid_t>(stranger), &status, 0) < 0 || !WIFSIGNALED(status)) _exit(1);
+    _exit(100 + WTERMSIG(status));
+}
+
+}  // namespace
+
+TEST_F(TrustStore, AScriptReapedByTheHostHasItsPidLeftAlone) {
+    // A host that ignores SIGCHLD has the script's shell reaped as it exits;
+    // its pid may then go to any process, which a timed-out extraction
+    // must not signal. A background child keeps the pipes open past the
+    // time limit.
+    const fs::path dir = fs::path(kCaBundlePem).parent_path();
+    const std::string rootFile = (dir / "root.pid").string();
+    const std::string lingerFile = (dir / "linger.pid").string();
+    sandbox.installScript("#!/bin/sh\necho $PPID > " + rootFile + ".tmp; mv " + rootFile + ".tmp " + rootFile +
+                          "\nsleep 8 & echo $! > " + lingerFile + "\nexit 0\n");
+    sandbox.serveBundle(good);
+    struct sigaction ignore {}, previous {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGCHLD, &ignore, &previous);
+    std::thread refresh([] {
+        QuietStderr quiet;
+        refreshCaBundle();
+    });
+    ASSERT_TRUE(eventually([&] { return fs::exists(rootFile); }));
+    const pid_t root = std::stoi(readWholeFile(rootFile));
+    ASSERT_TRUE(eventually([&] { return kill(root, 0) != 0; }));
+    const pid_t helper = startStrangerAt(root);
+    refresh.join();
+    sigaction(SIGCHLD, &previous, nullptr);
+    EXPECT_EQ(sandbox.status(), 3);
+
+    kill(root, SIGUSR1);
+    int helperStatus = 0;
+    ASSERT_EQ(waitpid(helper, &helperStatus, 0), helper);
+    EXPECT_EQ(WEXITSTATUS(helperStatus), 100 + SIGUSR1) << "the stranger lived until now";
+    const pid_t linger = std::stoi(readWholeFile(lingerFile));
+    kill(linger, SIGKILL);
+    waitpid(linger, nullptr, 0);  // handed to this process if it is a subreaper
 }
 
 TEST_F(TrustStore, DownloadedBundleIsVerifiedExtractedAndHandedOver) {

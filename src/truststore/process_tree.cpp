@@ -1,0 +1,190 @@
+// Ends a child of popen3 and every process below it. `sh -c` starts the
+// command as its own child, and a script starts further programs: killing
+// the shell alone would leave a hung program running for good.
+#include "truststore/process_tree.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "truststore/unique_fd.h"
+
+namespace truststore {
+
+int openPidFd(pid_t pid) {
+#ifdef SYS_pidfd_open
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+#else
+    (void)pid;
+    return -1;
+#endif
+}
+
+namespace {
+
+// A process as /proc/<pid>/stat shows it: its parent, and its start time
+// (clock ticks after boot), which tells a process from a later one that
+// was given the same pid.
+struct ProcessStat {
+    pid_t pid = 0;
+    pid_t parent = 0;
+    unsigned long long started = 0;
+    bool ended = false;  // a zombie, waiting to be reaped
+};
+
+bool sameProcess(const ProcessStat& a, const ProcessStat& b) { return a.pid == b.pid && a.started == b.started; }
+
+// "pid (comm) state ppid ... starttime ...": comm may hold spaces and
+// parentheses, so the fields are counted after the last ')'.
+bool readProcessStat(const char* pidText, ProcessStat& stat) {
+    std::ifstream file(std::string("/proc/") + pidText + "/stat");
+    std::string line;
+    std::getline(file, line);
+    const size_t close = line.rfind(')');
+    if (close == std::string::npos) return false;
+    std::istringstream fields(line.substr(close + 1));
+    std::string state;
+    long long parent = 0;
+    fields >> state >> parent;
+    std::string skipped;
+    for (int field = 5; field < 22 && fields; ++field) fields >> skipped;  // pgrp .. itrealvalue
+    fields >> stat.started;
+    stat.pid = static_cast<pid_t>(std::atoi(pidText));
+    stat.parent = static_cast<pid_t>(parent);
+    stat.ended = state == "Z";
+    return static_cast<bool>(fields) && stat.pid > 0;
+}
+
+// Whether `process` still runs: its pid names the process that was found,
+// and that has not ended. One whose status cannot be read any more has
+// ended and been reaped.
+bool stillRuns(const ProcessStat& process) {
+    ProcessStat now;
+    const std::string pidText = std::to_string(process.pid);
+    return readProcessStat(pidText.c_str(), now) && sameProcess(now, process) && !now.ended;
+}
+
+// Every process in /proc, by parent. Empty when /proc cannot be read (no
+// descriptor left, not mounted).
+std::multimap<pid_t, ProcessStat> processesByParent() {
+    std::multimap<pid_t, ProcessStat> byParent;
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    while (proc) {
+        const dirent* entry = readdir(proc.get());
+        if (entry == nullptr) break;
+        ProcessStat stat;
+        if (readProcessStat(entry->d_name, stat)) byParent.emplace(stat.parent, stat);
+    }
+    return byParent;
+}
+
+// The root, our unreaped child, and the processes found below it. Found
+// again and again while the tree ends: a process started after the last
+// search is found below its parent, and one whose parent ended (and which
+// was handed to another parent) stays known.
+class ProcessTree {
+public:
+    explicit ProcessTree(pid_t root) : root_(root), rootFd_(openPidFd(root)) {}
+
+    // Whether the root is still our child, running or unreaped: a host
+    // that ignores SIGCHLD has it reaped as it exits. Asked after the pidfd
+    // was opened, so the pidfd names the same process.
+    bool rootIsOurs() const {
+        siginfo_t info = {};
+        return waitid(P_PID, static_cast<id_t>(root_), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+    }
+
+    void findDescendants() {
+        const std::multimap<pid_t, ProcessStat> byParent = processesByParent();
+        std::vector<pid_t> parents;
+        if (!rootEnded()) parents.push_back(root_);
+        for (const ProcessStat& known : descendants_) {
+            if (stillRuns(known)) parents.push_back(known.pid);
+        }
+        for (size_t i = 0; i < parents.size(); ++i) {
+            const auto range = byParent.equal_range(parents[i]);
+            for (auto child = range.first; child != range.second; ++child) {
+                if (isKnown(child->second)) continue;
+                descendants_.push_back(child->second);
+                parents.push_back(child->second.pid);
+            }
+        }
+    }
+
+    // Descendants that still run, deepest first, then the root: the root
+    // is signalled even when /proc cannot be read, so a hung child always
+    // ends.
+    void signal(int sig) const {
+        for (auto process = descendants_.rbegin(); process != descendants_.rend(); ++process) {
+            if (stillRuns(*process)) (void)kill(process->pid, sig);
+        }
+        signalRoot(sig);
+    }
+
+    bool ended() const { return rootEnded() && std::none_of(descendants_.begin(), descendants_.end(), stillRuns); }
+
+private:
+    bool rootEnded() const {
+        siginfo_t info = {};
+        return waitid(P_PID, static_cast<id_t>(root_), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+               info.si_pid == root_;
+    }
+
+    // Through the pidfd where there is one: it names our child even if the
+    // host reaps it meanwhile.
+    void signalRoot(int sig) const {
+#ifdef SYS_pidfd_send_signal
+        if (rootFd_.valid()) {
+            (void)::syscall(SYS_pidfd_send_signal, rootFd_.get(), sig, nullptr, 0);
+            return;
+        }
+#endif
+        if (rootIsOurs()) (void)kill(root_, sig);
+    }
+
+    bool isKnown(const ProcessStat& process) const {
+        return std::any_of(descendants_.begin(), descendants_.end(),
+                           [&](const ProcessStat& known) { return sameProcess(known, process); });
+    }
+
+    pid_t root_;
+    UniqueFd rootFd_;
+    std::vector<ProcessStat> descendants_;  // parents before children
+};
+
+constexpr int kTickMs = 10;
+
+}  // namespace
+
+// Asked first, so that a script can clean up after itself (the extraction
+// script removes its temporary file from the CA directory; a SIGKILL left
+// one there on every timed-out refresh). Processes started during the
+// grace period are only killed: they are the script's own clean-up.
+void endProcessTree(pid_t root, int graceMs) {
+    ProcessTree tree(root);
+    if (!tree.rootIsOurs()) return;
+    tree.findDescendants();
+    tree.signal(SIGTERM);
+    for (int waited = 0; waited < graceMs; waited += kTickMs) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(kTickMs));
+        tree.findDescendants();
+        if (tree.ended()) return;
+    }
+    tree.findDescendants();
+    tree.signal(SIGKILL);
+}
+
+}  // namespace truststore

@@ -1,0 +1,18 @@
+// Ending a child process of popen3 together with everything it started.
+#pragma once
+
+#include <sys/types.h>
+
+namespace truststore {
+
+// A pidfd for `pid` (through syscall(): older C libraries have no
+// wrapper), or -1 when the kernel has none or no descriptor is left.
+int openPidFd(pid_t pid);
+
+// Ends `root`, an unreaped child of this process, and every process it
+// started: each is asked with SIGTERM, and whatever still runs `graceMs`
+// later gets SIGKILL. A root that was already reaped (a host that ignores
+// SIGCHLD) is left alone: its pid may name another process by now.
+void endProcessTree(pid_t root, int graceMs);
+
+}  // namespace truststore
