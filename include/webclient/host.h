@@ -73,7 +73,8 @@ enum WebClientLogLevel { WEBCLIENT_LOG_DEBUG = 0, WEBCLIENT_LOG_INFO = 1,
 
 // Receives (level, module, text) for every line at or above the threshold
 // instead of standard error. `module` is -1 for lines of the host `debug`.
-// Called on whichever thread logs; must be thread-safe and must not log.
+// Called on whichever thread logs; must be thread-safe. A line it logs
+// itself goes to standard error.
 using WebClientLogSink = std::function<void(int level, int module, const std::string& text)>;
 // Installs `sink` (an empty function restores standard error). Returns once
 // no call of the replaced sink is running, so its state may then be freed:

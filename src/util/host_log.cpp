@@ -1,7 +1,6 @@
 // Stand-in for the host agent's logger: one line per call on standard
 // error as "<level> [<module>] <text>" ("debug <text>" for the host's
 // debug channel), or to a sink installed by a host or a test.
-#include <cxxabi.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -21,19 +20,18 @@ constexpr int kHostDebugModule = -1;
 
 std::atomic<int> g_threshold{kLevelUnset};
 
+// Set while this thread runs the sink: replacing the sink from there would
+// wait for the very call it is made from, and a line the sink logs itself
+// goes to standard error.
+thread_local bool t_in_sink = false;
+
 // The installed sink. A sink is called under the read lock, so replacing
 // it waits for the calls in flight: its owner may free what it uses as soon
 // as it is replaced (a test's capture does). Writers go first, or threads
 // that log without pause would keep a replacement waiting. Made once and
 // never destroyed: host threads may still log during exit().
 struct SinkSlot {
-    SinkSlot() {
-        initLock();
-        // A child forked while another thread was in the sink (or waiting to
-        // replace it) would find the lock held for good: the child, with
-        // one thread, starts with a fresh one.
-        pthread_atfork(nullptr, nullptr, [] { sinkSlot().initLock(); });
-    }
+    SinkSlot() { initLock(); }
     void initLock() {
         pthread_rwlockattr_t attributes;
         pthread_rwlockattr_init(&attributes);
@@ -41,19 +39,45 @@ struct SinkSlot {
         pthread_rwlock_init(&lock, &attributes);
         pthread_rwlockattr_destroy(&attributes);
     }
-    static SinkSlot& sinkSlot() {
-        static SinkSlot* const slot = new SinkSlot();
-        return *slot;
-    }
     pthread_rwlock_t lock;
+    // Held around the swap, and across fork(): a child must not start with
+    // a half-swapped sink.
+    pthread_mutex_t swapping = PTHREAD_MUTEX_INITIALIZER;
     WebClientLogSink sink;  // guarded by lock
 };
 
-SinkSlot& sinkSlot() { return SinkSlot::sinkSlot(); }
+// For the fork handlers, which must not wait for the slot's construction.
+std::atomic<SinkSlot*> g_forkSlot{nullptr};
 
-// Set while this thread runs the sink: replacing the sink from there would
-// wait for the very call it is made from.
-thread_local bool t_in_sink = false;
+void beforeFork() {
+    if (SinkSlot* slot = g_forkSlot.load()) pthread_mutex_lock(&slot->swapping);
+}
+
+void afterForkInParent() {
+    if (SinkSlot* slot = g_forkSlot.load()) pthread_mutex_unlock(&slot->swapping);
+}
+
+// The child has one thread: the lock, if another thread held it at the
+// fork, would stay held for good. It starts with a fresh one, read-held
+// again when the fork was made from inside the sink (whose guard will
+// release it).
+void afterForkInChild() {
+    SinkSlot* slot = g_forkSlot.load();
+    if (slot == nullptr) return;
+    slot->initLock();
+    if (t_in_sink) pthread_rwlock_rdlock(&slot->lock);
+    pthread_mutex_unlock(&slot->swapping);
+}
+
+SinkSlot& sinkSlot() {
+    static SinkSlot* const slot = [] {
+        SinkSlot* made = new SinkSlot();
+        g_forkSlot.store(made);
+        pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+        return made;
+    }();
+    return *slot;
+}
 
 int levelFromEnvironment() {
     const char* value = std::getenv("WEBCLIENT_LOG_LEVEL");
@@ -104,34 +128,38 @@ std::string formatText(const char* format, va_list args) {
     return text;
 }
 
-void write(int level, int module, const std::string& text) {
-    SinkSlot& slot = sinkSlot();
-    utilities::lock::lock_guard_read reading(&slot.lock);
-    if (slot.sink) {
-        t_in_sink = true;
-        struct Leave {
-            ~Leave() { t_in_sink = false; }
-        } leave;
-        slot.sink(level, module, text);
-    } else if (module == kHostDebugModule) {
+void writeToStderr(int level, int module, const std::string& text) {
+    if (module == kHostDebugModule) {
         std::fprintf(stderr, "debug %s\n", text.c_str());
     } else {
         std::fprintf(stderr, "%s [%d] %s\n", levelName(level), module, text.c_str());
     }
 }
 
+void write(int level, int module, const std::string& text) {
+    if (t_in_sink) return writeToStderr(level, module, text);
+    SinkSlot& slot = sinkSlot();
+    utilities::lock::lock_guard_read reading(&slot.lock);
+    if (!slot.sink) return writeToStderr(level, module, text);
+    struct InSink {
+        InSink() { t_in_sink = true; }
+        ~InSink() { t_in_sink = false; }
+    } inSink;
+    slot.sink(level, module, text);
+}
+
 // Logging never ends its caller: a line that cannot be made (no memory) or
-// a sink that throws is dropped. The library logs from exception handlers
-// inside functions that must not throw. A thread being cancelled (at the
-// write, a cancellation point) unwinds on.
-void emit(int level, int module, const char* format, va_list args) {
+// a sink that throws is dropped, and a cancellation waits until the line is
+// written. The library logs from exception handlers inside functions that
+// must not throw, where a cancellation's unwinding would end the process.
+void emit(int level, int module, const char* format, va_list args) noexcept {
+    int cancelState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     try {
-        if (level < threshold()) return;
-        write(level, module, formatText(format, args));
-    } catch (abi::__forced_unwind&) {
-        throw;
+        if (level >= threshold()) write(level, module, formatText(format, args));
     } catch (...) {
     }
+    pthread_setcancelstate(cancelState, nullptr);
 }
 
 }  // namespace
@@ -163,6 +191,7 @@ void SetWebClientLogSink(WebClientLogSink sink) {
     }
     SinkSlot& slot = sinkSlot();
     utilities::lock::lock_guard_write writing(&slot.lock);
+    utilities::lock::lock_guard swapGuard(&slot.swapping);
     std::swap(slot.sink, sink);
     // The replaced sink (now in `sink`) is destroyed after the lock is released.
 }
