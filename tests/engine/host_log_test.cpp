@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "support/log_capture.h"
+#include "support/test_helpers.h"
 #include "webclient/host.h"
 
 TEST(HostLog, AReplacedSinkIsNeverCalledAgain) {
@@ -36,6 +37,7 @@ namespace {
 // Runs `body` in a child process that a hang ends (SIGALRM); its wait status.
 // The child starts no thread (a sanitizer's runtime may not allow it).
 int statusOfChildRunning(const std::function<void()>& body) {
+    waitUntilOtherThreadsSleep();
     const pid_t child = fork();
     if (child == 0) {
         alarm(20);

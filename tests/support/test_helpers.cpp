@@ -1,7 +1,9 @@
 #include "support/test_helpers.h"
 
 #include <dirent.h>
+#include <sys/syscall.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -36,4 +38,38 @@ std::map<int, std::string> openDescriptors() {
     }
     closedir(dir);
     return open;
+}
+
+namespace {
+
+// Whether thread `tid` of this process is asleep ('S' in its stat).
+bool threadSleeps(const std::string& tid) {
+    std::ifstream stat("/proc/self/task/" + tid + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const size_t close = line.rfind(')');
+    return close == std::string::npos || (close + 2 < line.size() && line[close + 2] == 'S');
+}
+
+bool otherThreadsSleep() {
+    const std::string self = std::to_string(syscall(SYS_gettid));
+    DIR* dir = opendir("/proc/self/task");
+    if (dir == nullptr) return true;
+    bool quiet = true;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.' || self == entry->d_name) continue;
+        if (!threadSleeps(entry->d_name)) quiet = false;
+    }
+    closedir(dir);
+    return quiet;
+}
+
+}  // namespace
+
+void waitUntilOtherThreadsSleep() {
+    // Twice in a row: a thread may be just waking.
+    for (int attempt = 0, quietInARow = 0; attempt < 2000 && quietInARow < 2; ++attempt) {
+        quietInARow = otherThreadsSleep() ? quietInARow + 1 : 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }

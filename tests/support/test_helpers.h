@@ -108,3 +108,10 @@ inline std::shared_ptr<FILE> openForWriting(const std::string& path, const char*
 
 // This process's open descriptors: number -> what it refers to.
 std::map<int, std::string> openDescriptors();
+
+// Waits (up to about two seconds) until every other thread of this process
+// is asleep. The sanitizers' allocators here are not fork-safe: a child
+// forked while another thread is inside malloc finds its lock held for
+// good and hangs in its first allocation or its exit-time leak check. A
+// test whose forked child allocates forks from a quiet process.
+void waitUntilOtherThreadsSleep();

@@ -275,6 +275,7 @@ TEST_F(TrustStore, ExpiryLetsTheReadyStateLapse) {
     // A forked child that tries the timer and exits (running the trust
     // store's static destruction) must leave this process's relay running.
     fflush(nullptr);
+    waitUntilOtherThreadsSleep();
     const pid_t child = fork();
     if (child == 0) {
         store.StartTimer();
