@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -34,6 +35,18 @@ int openPidFd(pid_t pid) {
 }
 
 namespace {
+
+// 0, or -1 with errno set (ENOSYS where the kernel has no pidfds).
+int sendThroughPidFd(int pidFd, int sig) {
+#ifdef SYS_pidfd_send_signal
+    return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidFd, sig, nullptr, 0));
+#else
+    (void)pidFd;
+    (void)sig;
+    errno = ENOSYS;
+    return -1;
+#endif
+}
 
 // A process as /proc/<pid>/stat shows it: its parent, and its start time
 // (clock ticks after boot), which tells a process from a later one that
@@ -75,6 +88,16 @@ bool stillRuns(const ProcessStat& process) {
     ProcessStat now;
     const std::string pidText = std::to_string(process.pid);
     return readProcessStat(pidText.c_str(), now) && sameProcess(now, process) && !now.ended;
+}
+
+// Signals `process` if it still runs. The pidfd is opened before the check,
+// so the signal cannot reach a later process that was given the same pid.
+void signalIfStillRuns(const ProcessStat& process, int sig) {
+    const UniqueFd pidFd(openPidFd(process.pid));
+    if (!stillRuns(process)) return;
+    if (!pidFd.valid() || (sendThroughPidFd(pidFd.get(), sig) != 0 && errno == ENOSYS)) {
+        (void)kill(process.pid, sig);
+    }
 }
 
 // Every process in /proc, by parent. Empty when /proc cannot be read (no
@@ -129,7 +152,7 @@ public:
     // ends.
     void signal(int sig) const {
         for (auto process = descendants_.rbegin(); process != descendants_.rend(); ++process) {
-            if (stillRuns(*process)) (void)kill(process->pid, sig);
+            signalIfStillRuns(*process, sig);
         }
         signalRoot(sig);
     }
@@ -146,12 +169,7 @@ private:
     // Through the pidfd where there is one: it names our child even if the
     // host reaps it meanwhile.
     void signalRoot(int sig) const {
-#ifdef SYS_pidfd_send_signal
-        if (rootFd_.valid()) {
-            (void)::syscall(SYS_pidfd_send_signal, rootFd_.get(), sig, nullptr, 0);
-            return;
-        }
-#endif
+        if (rootFd_.valid() && (sendThroughPidFd(rootFd_.get(), sig) == 0 || errno != ENOSYS)) return;
         if (rootIsOurs()) (void)kill(root_, sig);
     }
 
@@ -178,7 +196,10 @@ void endProcessTree(pid_t root, int graceMs) {
     if (!tree.rootIsOurs()) return;
     tree.findDescendants();
     tree.signal(SIGTERM);
-    for (int waited = 0; waited < graceMs; waited += kTickMs) {
+    // A deadline, not a count of ticks: a search of a crowded /proc takes
+    // time of its own.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(graceMs);
+    while (std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(kTickMs));
         tree.findDescendants();
         if (tree.ended()) return;

@@ -12,7 +12,9 @@ int openPidFd(pid_t pid);
 // Ends `root`, an unreaped child of this process, and every process it
 // started: each is asked with SIGTERM, and whatever still runs `graceMs`
 // later gets SIGKILL. A root that was already reaped (a host that ignores
-// SIGCHLD) is left alone: its pid may name another process by now.
+// SIGCHLD) is left alone: its pid may name another process by now. What
+// was handed to another parent before it was first found (the background
+// child of a shell that has exited) is out of reach.
 void endProcessTree(pid_t root, int graceMs);
 
 }  // namespace truststore

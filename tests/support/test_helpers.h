@@ -113,5 +113,7 @@ std::map<int, std::string> openDescriptors();
 // is asleep. The sanitizers' allocators here are not fork-safe: a child
 // forked while another thread is inside malloc finds its lock held for
 // good and hangs in its first allocation or its exit-time leak check. A
-// test whose forked child allocates forks from a quiet process.
+// test whose forked child allocates forks from a quiet process: that makes
+// such a hang unlikely, not impossible (a thread may wake just before the
+// fork), so the child also sets an alarm.
 void waitUntilOtherThreadsSleep();

@@ -278,6 +278,7 @@ TEST_F(TrustStore, ExpiryLetsTheReadyStateLapse) {
     waitUntilOtherThreadsSleep();
     const pid_t child = fork();
     if (child == 0) {
+        alarm(30);
         store.StartTimer();
         exit(0);
     }
