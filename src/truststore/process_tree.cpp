@@ -100,21 +100,27 @@ void signalIfStillRuns(const ProcessStat& process, int sig) {
     }
 }
 
-// Every process in /proc, by parent. Empty when /proc cannot be read (no
-// descriptor left, not mounted).
-std::multimap<pid_t, ProcessStat> processesByParent() {
-    std::multimap<pid_t, ProcessStat> byParent;
+// Every process in /proc. Empty when /proc cannot be read (no descriptor
+// left, not mounted).
+std::map<pid_t, ProcessStat> allProcesses() {
+    std::map<pid_t, ProcessStat> all;
     std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
     while (proc) {
         const dirent* entry = readdir(proc.get());
         if (entry == nullptr) break;
         ProcessStat stat;
-        if (readProcessStat(entry->d_name, stat)) byParent.emplace(stat.parent, stat);
+        if (readProcessStat(entry->d_name, stat)) all.emplace(stat.pid, stat);
     }
-    return byParent;
+    return all;
 }
 
-// The root, our unreaped child, and the processes found below it. Found
+// Whether `process` is in `all` and has not ended there.
+bool runsIn(const std::map<pid_t, ProcessStat>& all, const ProcessStat& process) {
+    const auto found = all.find(process.pid);
+    return found != all.end() && sameProcess(found->second, process) && !found->second.ended;
+}
+
+// The root, our unreaped child, and the processes found below it. Searched
 // again and again while the tree ends: a process started after the last
 // search is found below its parent, and one whose parent ended (and which
 // was handed to another parent) stays known.
@@ -127,24 +133,35 @@ public:
     // was opened, so the pidfd names the same process.
     bool rootIsOurs() const {
         siginfo_t info = {};
-        return waitid(P_PID, static_cast<id_t>(root_), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+        return peekAtRoot(info);
     }
 
-    void findDescendants() {
-        const std::multimap<pid_t, ProcessStat> byParent = processesByParent();
+    bool rootEnded() const {
+        siginfo_t info = {};
+        return !peekAtRoot(info) || info.si_pid == root_;
+    }
+
+    // Searches /proc once more; whether any process below the root still runs.
+    bool searchAgain() {
+        const std::map<pid_t, ProcessStat> all = allProcesses();
         std::vector<pid_t> parents;
         if (!rootEnded()) parents.push_back(root_);
+        bool anyRuns = false;
         for (const ProcessStat& known : descendants_) {
-            if (stillRuns(known)) parents.push_back(known.pid);
+            if (!runsIn(all, known)) continue;
+            parents.push_back(known.pid);
+            anyRuns = true;
         }
         for (size_t i = 0; i < parents.size(); ++i) {
-            const auto range = byParent.equal_range(parents[i]);
-            for (auto child = range.first; child != range.second; ++child) {
-                if (isKnown(child->second)) continue;
-                descendants_.push_back(child->second);
-                parents.push_back(child->second.pid);
+            for (const auto& entry : all) {
+                const ProcessStat& child = entry.second;
+                if (child.parent != parents[i] || isKnown(child)) continue;
+                descendants_.push_back(child);
+                parents.push_back(child.pid);
+                anyRuns = anyRuns || !child.ended;
             }
         }
+        return anyRuns;
     }
 
     // Descendants that still run, deepest first, then the root: the root
@@ -157,13 +174,10 @@ public:
         signalRoot(sig);
     }
 
-    bool ended() const { return rootEnded() && std::none_of(descendants_.begin(), descendants_.end(), stillRuns); }
-
 private:
-    bool rootEnded() const {
-        siginfo_t info = {};
-        return waitid(P_PID, static_cast<id_t>(root_), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-               info.si_pid == root_;
+    // Whether the root is our child; `info` tells whether it has exited.
+    bool peekAtRoot(siginfo_t& info) const {
+        return waitid(P_PID, static_cast<id_t>(root_), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
     }
 
     // Through the pidfd where there is one: it names our child even if the
@@ -194,17 +208,16 @@ constexpr int kTickMs = 10;
 void endProcessTree(pid_t root, int graceMs) {
     ProcessTree tree(root);
     if (!tree.rootIsOurs()) return;
-    tree.findDescendants();
+    tree.searchAgain();
     tree.signal(SIGTERM);
     // A deadline, not a count of ticks: a search of a crowded /proc takes
     // time of its own.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(graceMs);
     while (std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(kTickMs));
-        tree.findDescendants();
-        if (tree.ended()) return;
+        if (!tree.searchAgain() && tree.rootEnded()) return;
     }
-    tree.findDescendants();
+    tree.searchAgain();
     tree.signal(SIGKILL);
 }
 

@@ -153,10 +153,11 @@ void write(int level, int module, const std::string& text) {
 // written. The library logs from exception handlers inside functions that
 // must not throw, where a cancellation's unwinding would end the process.
 void emit(int level, int module, const char* format, va_list args) noexcept {
+    if (level < threshold()) return;  // most debug lines: nothing else to do
     int cancelState = PTHREAD_CANCEL_ENABLE;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     try {
-        if (level >= threshold()) write(level, module, formatText(format, args));
+        write(level, module, formatText(format, args));
     } catch (...) {
     }
     pthread_setcancelstate(cancelState, nullptr);
