@@ -152,6 +152,10 @@ int EasyWebClient::uploadByPost(std::string const& url, std::string const& user,
         // A form of its own, so that an object used again neither leaks nor
         // resends the earlier call's file.
         curl_httppost* form = webclient::buildUploadForm(nullptr, fieldName, filePath);
+        if (form == nullptr) {
+            WC_LOG_ERROR("[%s] cannot build the upload form", "uploadByPost");
+            return -1;
+        }
         curl_easy_setopt(curl_handle, CURLOPT_HTTPPOST, form);
         if (form_post != nullptr) curl_formfree(form_post);
         form_post = form;

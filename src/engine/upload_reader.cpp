@@ -63,15 +63,22 @@ curl_httppost* buildUploadForm(const std::map<std::string, std::string>* formFie
                                const std::string& filePath) {
     curl_httppost* first = nullptr;
     curl_httppost* last = nullptr;
+    CURLFORMcode added = CURL_FORMADD_OK;
     if (formFields != nullptr) {
-        for (const auto& field : *formFields) {
-            curl_formadd(&first, &last, CURLFORM_COPYNAME, field.first.c_str(), CURLFORM_COPYCONTENTS,
-                         field.second.c_str(), CURLFORM_END);
+        for (auto field = formFields->begin(); field != formFields->end() && added == CURL_FORMADD_OK; ++field) {
+            added = curl_formadd(&first, &last, CURLFORM_COPYNAME, field->first.c_str(), CURLFORM_COPYCONTENTS,
+                                 field->second.c_str(), CURLFORM_END);
         }
     }
-    curl_formadd(&first, &last, CURLFORM_COPYNAME, fieldName.c_str(), CURLFORM_FILE, filePath.c_str(),
-                 CURLFORM_CONTENTTYPE, "application/octet-stream", CURLFORM_END);
-    return first;
+    if (added == CURL_FORMADD_OK) {
+        added = curl_formadd(&first, &last, CURLFORM_COPYNAME, fieldName.c_str(), CURLFORM_FILE, filePath.c_str(),
+                             CURLFORM_CONTENTTYPE, "application/octet-stream", CURLFORM_END);
+    }
+    if (added == CURL_FORMADD_OK) return first;
+    // Half a form would go out as an upload without its file (or, with no
+    // part at all, as a body-less request) and still be answered with 200.
+    curl_formfree(first);
+    return nullptr;
 }
 
 }  // namespace webclient

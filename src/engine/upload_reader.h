@@ -34,7 +34,8 @@ namespace webclient {
 bool namesDirectory(const std::string& path);
 
 // One part per form field (map order, none for a null map), then the file
-// part named `fieldName` with the contents of the file at `filePath`.
+// part named `fieldName` with the contents of the file at `filePath`. Null
+// when libcurl cannot add every part (out of memory): nothing is then owned.
 curl_httppost* buildUploadForm(const std::map<std::string, std::string>* formFields, const std::string& fieldName,
                                const std::string& filePath);
 

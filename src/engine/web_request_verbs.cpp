@@ -3,6 +3,8 @@
 // dispatch); they differ only in their method, credentials and body.
 #include <sys/stat.h>
 
+#include <memory>
+
 #include "engine/web_request_impl.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
@@ -55,6 +57,11 @@ bool prepare(WebRequest& request, const std::vector<std::string>* headers,
     if (request.use_ssl) request.setupSecureRequest();
     return true;
 }
+
+// Owns a form built before the set-up until the request takes it over.
+struct FormFree {
+    void operator()(curl_httppost* form) const { curl_formfree(form); }
+};
 
 void setCredentials(WebRequest& request, const std::string& user, const std::string& password) {
     if (user.empty() || password.empty()) return;
@@ -148,12 +155,20 @@ void runFormUpload(WebRequest& request, const std::vector<std::string>& headers,
         WC_LOG_ERROR("[%s] cannot upload %s: it is a directory", request.getPrintableUrl().c_str(), filePath.c_str());
         throw WebException("cannot upload a directory", nullptr);
     }
+    std::unique_ptr<curl_httppost, FormFree> form;
+    if (request.impl->curl_handle != nullptr && !filePath.empty()) {
+        form.reset(webclient::buildUploadForm(formFields, fieldName, filePath));
+        if (!form) {
+            WC_LOG_ERROR("[%s] cannot build the upload form", request.getPrintableUrl().c_str());
+            throw WebException("cannot build the upload form", nullptr);
+        }
+    }
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCredentials(request, user, password);
     CURL* handle = request.impl->curl_handle;
-    if (!filePath.empty()) {
+    if (form) {
         curl_httppost* earlierForm = request.impl->form_post;
-        request.impl->form_post = webclient::buildUploadForm(formFields, fieldName, filePath);
+        request.impl->form_post = form.release();
         curl_easy_setopt(handle, CURLOPT_HTTPPOST, request.impl->form_post);
         if (earlierForm != nullptr) curl_formfree(earlierForm);  // the handle no longer points at it
     } else {
