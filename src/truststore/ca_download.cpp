@@ -105,11 +105,6 @@ bool writeBundleFile(const char* path, const DownloadBuffer& buffer) {
     return true;
 }
 
-bool downloadBundle(const std::string& url) {
-    DownloadBuffer buffer;
-    return downloadToBuffer(url, buffer) && writeBundleFile(truststore_paths::kDownloadedBundle, buffer);
-}
-
 bool copyShippedBundle() {
     WC_LOG_INFO("Failed to download p7b, use default one");
     const std::string command =
@@ -118,14 +113,28 @@ bool copyShippedBundle() {
 }
 
 // Marks the refresh as running; false when another one already is.
-// `useDefault` gets use_default_bundle, read under the same lock.
-bool claimRefresh(CaBundleManager& manager, bool& useDefault) {
+bool claimRefresh(CaBundleManager& manager) {
     Lock lock(manager.status_mutex);
     WC_LOG_INFO("[DownloadTask] current status: %d", manager.bundle_status);
     if (manager.bundle_status == kStatusRefreshing) return false;
     manager.bundle_status = kStatusRefreshing;
-    useDefault = manager.use_default_bundle;
     return true;
+}
+
+bool shippedBundleAllowed(CaBundleManager& manager) {
+    Lock lock(manager.status_mutex);
+    return manager.use_default_bundle;
+}
+
+// Caller holds file_lock for writing and status_mutex. The download file is
+// written (or the shipped copy put there) only under that hold: a second
+// refresh, started when the expiry reset the status during this one, would
+// otherwise replace the file between this refresh's write and its script's
+// read, and the fallback is judged as the last hand-over left it, not as
+// it stood when the download began.
+bool stageBundle(const CaBundleManager& manager, const DownloadBuffer* downloaded) {
+    if (downloaded != nullptr && writeBundleFile(truststore_paths::kDownloadedBundle, *downloaded)) return true;
+    return manager.use_default_bundle && copyShippedBundle();
 }
 
 void setStatus(CaBundleManager& manager, int status) {
@@ -162,7 +171,7 @@ const char* reasonNotToRefresh() {
     return nullptr;
 }
 
-void extractAndHandOver(CaBundleManager& manager) {
+void extractAndHandOver(CaBundleManager& manager, const DownloadBuffer* downloaded) {
     // A thread that keeps a request alive holds that request's handle mutex,
     // and a secure request of another thread, holding the CA file, may be
     // waiting for exactly that mutex: such a refresh waits only so long.
@@ -178,6 +187,11 @@ void extractAndHandOver(CaBundleManager& manager) {
     // store in breach of its contract is refused rather than deadlocked.
     webclient::CountedHold writing(webclient::thisThreadHolds().ca_file_writes);
     Lock statusHold(manager.status_mutex);
+    if (!stageBundle(manager, downloaded)) {
+        WC_LOG_ERROR(" failed to download CA ");
+        manager.bundle_status = kStatusFailed;
+        return;
+    }
     if (manager.ExtractCa(truststore_paths::kDownloadedBundle, truststore_paths::kCaBundlePem) != 0) {
         WC_LOG_ERROR(" failed to extract CA");
         manager.bundle_status = kStatusFailed;
@@ -213,19 +227,22 @@ bool truststore::refreshRefusedOnThisThread() {
 
 void CaBundleManager::DownloadTask() {
     if (truststore::refreshRefusedOnThisThread()) return;
-    bool useDefault = false;
-    if (!claimRefresh(*this, useDefault)) return;
+    if (!claimRefresh(*this)) return;
     // Nothing may be thrown to callers, and a refresh must not stay
     // "running" for good: an exception (the host's CA handler, an
     // allocation) fails the refresh instead.
     const bool ended = webclient::resultOrOnException("DownloadTask", false, [&] {
         WC_LOG_INFO("[DownloadTask] Begin to download CA File");
-        if (!downloadBundle(download_url) && !(useDefault && copyShippedBundle())) {
+        DownloadBuffer buffer;
+        const bool received = downloadToBuffer(download_url, buffer);
+        // Without a fallback there is nothing to extract: no need to wait
+        // for the CA file's users.
+        if (!received && !shippedBundleAllowed(*this)) {
             WC_LOG_ERROR(" failed to download CA ");
             setStatus(*this, kStatusFailed);
             return true;
         }
-        extractAndHandOver(*this);
+        extractAndHandOver(*this, received ? &buffer : nullptr);
         return true;
     });
     if (!ended) setStatus(*this, kStatusFailed);

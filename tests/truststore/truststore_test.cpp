@@ -8,10 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -260,6 +262,53 @@ TEST_F(TrustStore, RejectedBundlesKeepThePreviousCaFile) {
     EXPECT_EQ(readWholeFile(kCaBundlePem), "previous\n");
     EXPECT_EQ(handlerCalls, 0);
     EXPECT_TRUE(store.ca_file.empty());
+}
+
+TEST_F(TrustStore, TheShippedBundleServesOnlyUntilAFirstHandOver) {
+    const std::string otherCaPem = readWholeFile(TestPki::instance().file("other_ca.pem"));
+    writeFileCreatingDirs(truststore_paths::kShippedBundle,
+                          TrustStoreSandbox::makeBundle({TestPki::instance().file("other_ca.pem")}));
+    sandbox.failDownloads();
+    refreshCaBundle();
+    EXPECT_EQ(sandbox.status(), 2);
+    EXPECT_EQ(readWholeFile(kCaBundlePem), otherCaPem);
+    LogCapture log;
+    refreshCaBundle();
+    EXPECT_EQ(sandbox.status(), 3);
+    EXPECT_EQ(log.count("Failed to download p7b, use default one"), 0u);
+    EXPECT_EQ(log.count(" failed to download CA "), 1u);
+    EXPECT_EQ(readWholeFile(kCaBundlePem), otherCaPem);
+
+    // Two refreshes at once, as when the expiry resets the status during
+    // one, before any hand-over: the first downloads the current bundle and
+    // waits for the CA file (held here); the second's download fails and
+    // may use the shipped copy. Whichever goes first, the shipped copy must
+    // not end up extracted in place of the downloaded bundle.
+    store.use_default_bundle = true;
+    std::atomic<int> asked{0};
+    TestServer server("127.0.0.1", [&](httplib::Server& s) {
+        s.Get("/bundle", [&](const httplib::Request&, httplib::Response& res) {
+            if (asked++ == 0) return res.set_content(good, "application/octet-stream");
+            res.set_content_provider(good.size(), "application/octet-stream",
+                                     [](size_t, size_t, httplib::DataSink&) { return false; });  // cut short
+        });
+    });
+    store.download_url = server.url("127.0.0.1", "/bundle");
+    store.StartTimer();
+    pthread_rwlock_rdlock(&store.file_lock);
+    auto first = std::async(std::launch::async, [] { refreshCaBundle(); });
+    ASSERT_TRUE(eventually([&] { return asked == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // on to the CA file's lock
+    raise(SIGALRM);
+    ASSERT_TRUE(eventually([] { return TrustStoreSandbox::status() == 0; }));
+    auto second = std::async(std::launch::async, [] { refreshCaBundle(); });
+    ASSERT_TRUE(eventually([&] { return asked == 2; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // its fallback, if it takes one now
+    pthread_rwlock_unlock(&store.file_lock);
+    first.get();
+    second.get();
+    store.StopTimer();
+    EXPECT_EQ(readWholeFile(kCaBundlePem), caPem);
 }
 
 TEST_F(TrustStore, ExpiryLetsTheReadyStateLapse) {
