@@ -54,7 +54,9 @@ public:
     }
 
     void endOfStream() {
-        if (length_ > 0 && !full_) closeString();
+        // fgets_some's loop also fills a last byte of room with a NUL here,
+        // but it sees the end of the stream before it could call it full.
+        if (length_ > 0 && !full_) closeString(true);
         std::fprintf(stderr, "fgets reach stream EOF\n");
     }
 
@@ -63,7 +65,7 @@ public:
 private:
     int room() const { return size_ - start_; }
 
-    void closeString() {
+    void closeString(bool atEnd = false) {
         const size_t increase = static_cast<size_t>(length_) + 1;
         start_ += length_ + 1;
         length_ = 0;
@@ -71,10 +73,10 @@ private:
         // fgets with a room of 1 stores just the NUL; that inner close
         // reports the full buffer itself.
         if (room() == 1) {
-            closeString();
+            closeString(atEnd);
             return;
         }
-        if (room() == 0) markFull();
+        if (room() == 0 && !atEnd) markFull();
     }
 
     void markFull() {

@@ -9,10 +9,12 @@
 namespace {
 
 // Reads lines into buffer[0..size) as consecutive NUL-terminated strings;
-// the room left afterwards (0 means full).
+// the room left afterwards (0 means full). A negative size reads nothing and
+// leaves the stream as it is; a null buffer has no room at all, so the
+// stream is drained as for a full one (the child must not block on it).
 int readLines(char* buffer, int size, FILE* stream) {
     char* position = buffer;
-    int room = size < 0 ? 0 : size;
+    int room = buffer == nullptr ? 0 : size;
     while (room > 0 && std::fgets(position, room, stream) != nullptr) {
         const size_t increase = strnlen_s_helper(position, static_cast<size_t>(room)) + 1;
         position += increase;

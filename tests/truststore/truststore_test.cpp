@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -84,6 +85,19 @@ TEST(Popen3, CapturesOutputAsBoundedLinesAndTheExitStatus) {
         EXPECT_EQ(std::string(buffer.data(), buffer.size()), c.buffer) << c.command;
     }
     EXPECT_TRUE(noChildren());
+
+    // A negative size reads nothing and leaves the stream alone; a null
+    // buffer holds nothing, so the stream is drained as for a full one.
+    char text[] = "one\ntwo\n";
+    for (const bool nullBuffer : {false, true}) {
+        FILE* stream = fmemopen(text, sizeof text - 1, "r");
+        char buffer[4] = "xx";
+        QuietStderr quiet;
+        EXPECT_EQ(fgets_some(nullBuffer ? nullptr : buffer, nullBuffer ? 16 : -1, stream), 0);
+        EXPECT_EQ(std::ftell(stream), nullBuffer ? 8 : 0) << "null buffer: " << nullBuffer;
+        EXPECT_STREQ(buffer, "xx");
+        std::fclose(stream);
+    }
 }
 
 TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
