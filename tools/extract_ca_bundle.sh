@@ -49,6 +49,6 @@ if ! messages=$(openssl x509 -noout -in "$tmp" </dev/null 2>&1); then
 fi
 
 chmod 0644 "$tmp" || fail "cannot set the mode of $tmp"
-mv -f "$tmp" "$output" || fail "cannot move the CA bundle into $output"
+mv -fT "$tmp" "$output" || fail "cannot move the CA bundle into $output"
 trap - EXIT
 exit 0

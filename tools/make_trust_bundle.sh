@@ -50,6 +50,6 @@ if ! messages=$(openssl cms -sign -binary -nodetach -outform DER -md sha256 \
 fi
 
 chmod 0644 "$tmp" || fail "cannot set the mode of $tmp"
-mv -f "$tmp" "$out" || fail "cannot write $out"
+mv -fT "$tmp" "$out" || fail "cannot write $out"
 trap - EXIT
 exit 0

@@ -29,6 +29,11 @@ grep -q "^error: " "$err" || fail "no libcurl error text"
 expect 64 "a directory as the body" "$cli" post --data-file / http://127.0.0.1:1/
 expect 64 "a field given twice" "$cli" upload -F a=1 -F a=2 -F f=@/etc/hostname http://127.0.0.1:1/
 expect 64 "a cookie on a POST" "$cli" post -d x --cookie sid=1 http://127.0.0.1:1/
+expect 64 "a URL without scheme" "$cli" get 127.0.0.1:1/
+printf 'a\0b' > "$dir/nul.bin"
+expect 64 "a NUL in the body" "$cli" post --data-file "$dir/nul.bin" http://127.0.0.1:1/
+expect 64 "an unknown option with a joined value" "$cli" get -uadmin:s3cret http://127.0.0.1:1/
+grep -q s3cret "$err" && fail "a usage error printed the joined value"
 
 printf 'hello' > "$dir/hello.txt"
 printf 'other' > "$dir/other.txt"
@@ -67,6 +72,18 @@ cmp -s "$dir/hello.txt" "$dir/copy.txt" || fail "a failed download replaced the 
 ln "$dir/copy.txt" "$dir/link.txt"
 expect 0 "download over a linked file" "$cli" download -o "$dir/copy.txt" "http://localhost:$port/other.txt"
 [ "$(cat "$dir/link.txt")" = "other" ] || fail "the file's other link kept the old content"
+# A pipe behind /dev/stdout is written as it is; a long name fits.
+expect 0 "download to a pipe" bash -o pipefail -c '"$0" download -o /dev/stdout "$1" | cat' "$cli" "http://localhost:$port/hello.txt"
+[ "$(cat "$out")" = "hello" ] || fail "download to /dev/stdout"
+long=$dir/$(printf 'n%.0s' $(seq 250))
+expect 0 "download to a long name" "$cli" download -o "$long" "http://localhost:$port/hello.txt"
+cmp -s "$dir/hello.txt" "$long" || fail "download to a long name"
+# A file replaced whole keeps its group; a failed download says it kept nothing.
+chgrp 65534 "$long" && chmod 0640 "$long"  # run as root, as CI does
+expect 0 "download over a file of another group" "$cli" download -o "$long" "http://localhost:$port/other.txt"
+[ "$(stat -c %g:%a "$long")" = "65534:640" ] || fail "the replaced file lost its group or mode"
+expect 1 "download of a missing file, reported" "$cli" download -o "$long" "http://localhost:$port/missing"
+grep -q "^not kept: received" "$err" || fail "a failed download was reported as downloaded"
 expect 0 "download with credentials" "$cli" download -u admin:pw -o "$dir/who.txt" "http://localhost:$port/whoami"
 [ "$(cat "$dir/who.txt")" = "Basic YWRtaW46cHc=" ] || fail "download -u sent no credentials"
 

@@ -1,5 +1,6 @@
 #include "cli_options.h"
 
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -36,6 +37,10 @@ bool addFormEntry(const std::string& entry, CliOptions& options, std::string& er
     }
     const std::string name = entry.substr(0, eq), value = entry.substr(eq + 1);
     if (!value.empty() && value[0] == '@') {
+        if (value.size() == 1) {
+            error = "-F " + name + "=@ names no file";
+            return false;
+        }
         if (!options.filePath.empty()) {
             error = "upload takes exactly one file part (name=@file)";
             return false;
@@ -99,25 +104,43 @@ bool parseOption(int argc, char** argv, int& i, CliOptions& options, std::string
     if (arg == "--data-file") {
         if (!takeValue(argc, argv, i, value, error)) return false;
         options.hasData = true;
-        if (readFile(value, options.data)) return true;
-        error = "cannot read --data-file " + value;
+        if (!readFile(value, options.data)) {
+            error = "cannot read --data-file " + value;
+            return false;
+        }
+        // The verbs take the body as text, which would end at the NUL.
+        if (options.data.find('\0') == std::string::npos) return true;
+        error = "--data-file " + value + " holds a NUL byte; send binary files with upload";
         return false;
     }
     if (arg == "--cookie" || arg == "-b") {
         if (!takeValue(argc, argv, i, options.cookie, error)) return false;
         blankArgument(argv[i]);
-        return true;
+        if (options.cookie.find_first_of("\r\n") == std::string::npos) return true;
+        error = "--cookie expects one line";
+        return false;
     }
     if (arg == "-o" || arg == "--output") return takeValue(argc, argv, i, options.outputFile, error);
     if (arg == "-F" || arg == "--form") {
         return takeValue(argc, argv, i, value, error) && addFormEntry(value, options, error);
     }
-    error = "unknown option " + arg;
+    // Only the option's name: a value joined to it may be a secret (-uUSER:PW).
+    const std::string name = arg.compare(0, 2, "--") == 0 ? arg.substr(0, arg.find('=')) : arg.substr(0, 2);
+    error = "unknown option " + name + (name.size() < arg.size() ? " (with a value joined to it)" : "");
     return false;
 }
 
+bool hasHttpScheme(const std::string& url) {
+    const std::string scheme = url.substr(0, url.find("://"));
+    return strcasecmp(scheme.c_str(), "http") == 0 || strcasecmp(scheme.c_str(), "https") == 0;
+}
+
 bool checkVerbArguments(const CliOptions& options, std::string& error) {
-    if (options.verb == "demo") return true;
+    if (options.verb == "demo") {
+        if (options.url.empty()) return true;
+        error = "demo takes no argument";
+        return false;
+    }
     if (options.verb == "trust") {
         if (options.url == "status" || options.url == "refresh") return true;
         error = "trust expects 'status' or 'refresh'";
@@ -125,6 +148,10 @@ bool checkVerbArguments(const CliOptions& options, std::string& error) {
     }
     if (options.url.empty()) {
         error = options.verb + " needs a URL";
+        return false;
+    }
+    if (!hasHttpScheme(options.url)) {
+        error = "the URL must start with http:// or https://";
         return false;
     }
     if (options.hasData && kBodyVerbs.count(options.verb) == 0) {

@@ -68,18 +68,28 @@ bool writeAll(int fd, const char* data, size_t size) {
     return true;
 }
 
+// A file renamed into place keeps its group only if the temporary file has it.
+bool takeGroup(int fd, gid_t group) {
+    struct stat temporary;
+    if (::fstat(fd, &temporary) != 0) return false;
+    return temporary.st_gid == group || ::fchown(fd, static_cast<uid_t>(-1), group) == 0;
+}
+
 }  // namespace
 
 OutputFile::OutputFile(std::string path) : target_(std::move(path)) {}
 
 OutputFile::~OutputFile() {
-    if (temporary_.empty()) return;
+    if (temporary_.empty() || kept_) return;
     ::unlink(temporary_.c_str());
     g_temporaryPath[0] = '\0';
 }
 
 std::FILE* OutputFile::open(std::string& error) {
     struct stat existing;
+    // Checked before links are followed: /dev/stdout on a pipe leads to
+    // "pipe:[N]", which names no file.
+    if (::stat(target_.c_str(), &existing) == 0 && !S_ISREG(existing.st_mode)) return openAsGiven(error);
     if (!followLinks(target_)) {
         error = failure("cannot use " + target_);
         return nullptr;
@@ -89,11 +99,7 @@ std::FILE* OutputFile::open(std::string& error) {
         error = failure("cannot use " + target_);
         return nullptr;
     }
-    if (targetExists_ && !S_ISREG(existing.st_mode)) {
-        std::FILE* stream = std::fopen(target_.c_str(), "we");
-        if (stream == nullptr) error = failure("cannot open " + target_ + " for writing");
-        return stream;
-    }
+    if (targetExists_ && !S_ISREG(existing.st_mode)) return openAsGiven(error);
     if (targetExists_ && ::access(target_.c_str(), W_OK) != 0) {
         error = failure("cannot write " + target_);
         return nullptr;
@@ -108,12 +114,22 @@ std::FILE* OutputFile::open(std::string& error) {
         byRename_ = false;
         stream = openTemporary(elsewhere != nullptr && *elsewhere != '\0' ? elsewhere : "/tmp", error);
     }
+    if (stream != nullptr && byRename_ && targetExists_) byRename_ = takeGroup(::fileno(stream), existing.st_gid);
+    return stream;
+}
+
+// A device, a pipe, or a directory (which then fails with its reason).
+std::FILE* OutputFile::openAsGiven(std::string& error) {
+    std::FILE* stream = std::fopen(target_.c_str(), "we");
+    if (stream == nullptr) error = failure("cannot open " + target_ + " for writing");
     return stream;
 }
 
 std::FILE* OutputFile::openTemporary(const std::string& directory, std::string& error) {
     const size_t slash = target_.rfind('/');
-    std::string pattern = directory + "/." + target_.substr(slash == std::string::npos ? 0 : slash + 1) + ".XXXXXX";
+    // Cut so that the temporary name stays within NAME_MAX as the target's does.
+    const std::string name = target_.substr(slash == std::string::npos ? 0 : slash + 1, NAME_MAX - 8);
+    std::string pattern = directory + "/." + name + ".XXXXXX";
     const int fd = ::mkostemp(&pattern[0], O_CLOEXEC);  // mode 0600 until it is the target
     if (fd < 0) {
         error = failure("cannot create a file in " + directory);
@@ -135,7 +151,11 @@ bool OutputFile::commit(std::FILE* written, std::string& error) {
         return false;
     }
     if (temporary_.empty()) return true;
-    return byRename_ ? renameIntoTarget(written, error) : copyIntoTarget(written, error);
+    if (byRename_ ? renameIntoTarget(written, error) : copyIntoTarget(written, error)) return true;
+    // The download is whole; only putting it in place failed.
+    error += "; it is kept in " + temporary_;
+    keepTemporary();
+    return false;
 }
 
 bool OutputFile::renameIntoTarget(std::FILE* written, std::string& error) {
@@ -151,7 +171,7 @@ bool OutputFile::renameIntoTarget(std::FILE* written, std::string& error) {
 
 // The target's room is reserved before its old bytes are touched, so a full
 // disk fails it unchanged. From then on the temporary file holds the only
-// whole copy: an interruption or a failure leaves it, and the error names it.
+// whole copy, so an interruption leaves it too.
 bool OutputFile::copyIntoTarget(std::FILE* written, std::string& error) {
     struct stat downloaded;
     const int target = ::open(target_.c_str(), O_WRONLY | O_CLOEXEC);
@@ -175,15 +195,12 @@ bool OutputFile::copyIntoTarget(std::FILE* written, std::string& error) {
     while (copied && (got = std::fread(buffer, 1, sizeof buffer, written)) > 0) copied = writeAll(target, buffer, got);
     copied = copied && std::ferror(written) == 0 && ::ftruncate(target, downloaded.st_size) == 0;
     if (::close(target) != 0) copied = false;
-    if (!copied) {
-        error = failure("copying the download into " + target_ + " failed") + "; it is kept in " + temporary_;
-        keepTemporary();
-    }
+    if (!copied) error = failure("copying the download into " + target_ + " failed");
     return copied;
 }
 
 void OutputFile::keepTemporary() {
-    temporary_.clear();
+    kept_ = true;
     g_temporaryPath[0] = '\0';
 }
 

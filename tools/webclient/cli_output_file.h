@@ -2,10 +2,11 @@
 // an existing file as it was. The body goes to a temporary file (private
 // until committed) first. On success a new file, or an existing one that is
 // ours alone (one link), is renamed into place, keeping the old mode. Any
-// other existing file (more links, another owner, a directory we may not
-// write to) is overwritten in place, its room reserved first; should that
-// still fail, the complete download is kept in the temporary file and the
-// error names it. A device or pipe (-o /dev/null) is written directly.
+// other existing file (more links, another owner or group, a directory we
+// may not write to) is overwritten in place, its room reserved first.
+// Whenever putting a complete download in place fails, it is kept in the
+// temporary file and the error names it. A device or pipe (-o /dev/null,
+// -o /dev/stdout) is written directly.
 // Symbolic links are followed, also to a file that does not exist yet.
 #pragma once
 
@@ -26,10 +27,12 @@ public:
     // Puts what was written in place of the target. False with `error` set
     // when that fails.
     bool commit(std::FILE* written, std::string& error);
-    // Where the bytes are now: the temporary file until committed.
+    // Where the bytes are now: the temporary file until committed (and
+    // after, when committing failed).
     const std::string& writtenPath() const { return temporary_.empty() ? target_ : temporary_; }
 
 private:
+    std::FILE* openAsGiven(std::string& error);
     std::FILE* openTemporary(const std::string& directory, std::string& error);
     bool renameIntoTarget(std::FILE* written, std::string& error);
     bool copyIntoTarget(std::FILE* written, std::string& error);
@@ -37,6 +40,7 @@ private:
 
     std::string target_;
     std::string temporary_;
+    bool kept_ = false;  // the temporary file outlives the object
     bool targetExists_ = false;
     bool byRename_ = true;
     mode_t mode_ = 0;  // the mode the target gets when renamed into place

@@ -19,8 +19,9 @@ public:
     // Makes `param` report into this object (one-image job) and registers
     // the sender. Starts the clock.
     void attach(download_param& param);
-    // Ends the bar and prints the final size and rate of the file at `path`.
-    void finish(const std::string& path);
+    // Ends the bar and prints the size and rate of the file at `path`, as
+    // downloaded or, when the download was not `kept`, as received.
+    void finish(const std::string& path, bool kept);
 
     // Handles one report (called on the library's transfer thread with the
     // progress lock held).

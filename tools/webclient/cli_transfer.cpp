@@ -21,6 +21,9 @@ struct Outcome {
 
 void runVerb(const CliOptions& o, Outcome& out) {
     WebClient client;
+    // A wait that runs out returns what arrived so far without an error;
+    // waiting past libcurl's own limit makes a slow transfer fail instead.
+    client.requestTimeoutMs = client.uploadTimeoutMs;
     std::vector<std::string> headers = o.headers;
     std::map<std::string, std::string> fields = o.formFields;
     const std::string& url = o.url;
@@ -56,14 +59,17 @@ bool isTrustFailureText(const std::string& error) {
     return false;
 }
 
+// A verb keeps the error text of a failed attempt. With --ssl a trust
+// failure is retried after a CA-bundle refresh, so such a text next to an
+// HTTP status is the first attempt's, made good by the second; any other
+// text is the last attempt's own failure.
+bool madeGoodByRetry(const Outcome& out, bool useSsl) {
+    return useSsl && out.status != 0 && isTrustFailureText(out.error);
+}
+
 int exitStatusOf(const Outcome& out, bool useSsl) {
     if (out.status == 0 || out.outputLost) return kExitTransferFailed;
-    // A verb keeps the error text of a failed attempt. With --ssl a trust
-    // failure is retried after a CA-bundle refresh, so such a text next to
-    // an HTTP status is the first attempt's, made good by the second; any
-    // other text is the last attempt's own failure.
-    const bool madeGood = useSsl && isTrustFailureText(out.error);
-    if (!out.error.empty() && !madeGood) return kExitTransferFailed;
+    if (!out.error.empty() && !madeGoodByRetry(out, useSsl)) return kExitTransferFailed;
     return out.status >= 400 ? kExitHttpError : kExitOk;
 }
 
@@ -85,8 +91,8 @@ void runDownload(const CliOptions& o, Outcome& out) {
     progress.attach(param);
     WebClient client;
     out.error = client.downloadStream(&param, file, &out.status, o.useSsl);
-    if (exitStatusOf(out, o.useSsl) == kExitOk) output.commit(stream, out.error);
-    progress.finish(output.writtenPath());
+    const bool kept = exitStatusOf(out, o.useSsl) == kExitOk && output.commit(stream, out.error);
+    progress.finish(output.writtenPath(), kept);
 }
 
 }  // namespace
@@ -120,7 +126,11 @@ int runTransferCommand(const CliOptions& options) {
     if (out.outputLost) std::fprintf(stderr, "error: writing the body to standard output: %s\n", std::strerror(errno));
     if (options.showHeaders) std::fprintf(stderr, "%s", out.headers.c_str());
     if (out.status != 0) std::fprintf(stderr, "HTTP %d\n", out.status);
-    if (!out.error.empty()) std::fprintf(stderr, "error: %s\n", out.error.c_str());
+    if (madeGoodByRetry(out, options.useSsl)) {
+        std::fprintf(stderr, "first attempt: %s (retried after a CA bundle refresh)\n", out.error.c_str());
+    } else if (!out.error.empty()) {
+        std::fprintf(stderr, "error: %s\n", out.error.c_str());
+    }
     if (out.status == 0 && out.error.empty()) std::fprintf(stderr, "error: no answer\n");
     return exitStatusOf(out, options.useSsl);
 }

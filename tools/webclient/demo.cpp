@@ -110,7 +110,7 @@ void downloadWithProgress(Steps& steps, const DemoServer& http, const std::strin
     int code = 0;
     const std::string error = client.downloadStream(&param, file, &code, false);
     std::fflush(file.get());
-    progress.finish(path);
+    progress.finish(path, code == 200 && error.empty());
     std::ifstream in(path, std::ios::binary);
     const std::string got((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     steps.report(code == 200 && error.empty() && got == demoFileBytes(DemoServer::kFileSize),
@@ -169,6 +169,11 @@ void trustStoreSteps(Steps& steps, DemoServer& http, const DemoPki& pki, const s
 
 int runDemo(const CliOptions& /*options*/) {
     DemoSandbox sandbox = prepareDemoSandbox();  // before any thread exists
+    // Also when a step throws; destroyed after the servers and the backend.
+    struct ScratchRemover {
+        const DemoSandbox& sandbox;
+        ~ScratchRemover() { removeDemoScratch(sandbox); }
+    } removeScratchAtEnd{sandbox};
     Steps steps;
     const DemoPki pki = makePki();
     std::string reason = sandbox.skipReason;
@@ -190,7 +195,6 @@ int runDemo(const CliOptions& /*options*/) {
                    "the trust store's fixed paths could not be re-rooted (" + reason +
                        "); the demo never touches the real ones");
     }
-    removeDemoScratch(sandbox);
     std::printf(steps.exitStatus() == kExitOk ? "demo finished: every step behaved as expected\n"
                                               : "demo FAILED\n");
     return steps.exitStatus();
