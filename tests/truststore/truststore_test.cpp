@@ -98,6 +98,7 @@ TEST(Popen3, CapturesOutputAsBoundedLinesAndTheExitStatus) {
         EXPECT_STREQ(buffer, "xx");
         std::fclose(stream);
     }
+    EXPECT_EQ(strings_to_stream(stdout, nullptr, 5), 1);
 }
 
 TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
