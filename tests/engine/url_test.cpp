@@ -20,9 +20,13 @@ TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
               "http://h/p?Password=***&CLIENT_SECRET=***&xPassword=2");
     EXPECT_EQ(get_printable_url("Issue another request to this URL: 'http://u:pw@h:1/loop'"),
               "Issue another request to this URL: 'http://u:***@h:1/loop'");
+    // A password with an unencoded '/', '?' or '#' makes a URL libcurl refuses, and logs.
+    EXPECT_EQ(get_printable_url("http://u:SE/KR?I#T@h:1/x"), "http://u:***@h:1/x");
+    EXPECT_EQ(get_printable_url("u:a/b@h/x"), "u:***@h/x");
     EXPECT_EQ(get_printable_url("http://h/x\nerror [18] forged\x7f"), "http://h/x\\x0aerror [18] forged\\x7f");
     for (const char* url : {"https://h/p?a=1&b=2", "https://h/password=x", "https://h/p?mypassword=1", "https://u@h:1/",
-                            "https://h:1/p?to=a:b@c", "not a url: x@y", "h:1/p?to=a:b@c"}) {
+                            "https://h:1/p?to=a:b@c", "not a url: x@y", "h:1/p?to=a:b@c",
+                            "http://[::1]:1/to/a:b@c"}) {
         EXPECT_EQ(get_printable_url(url), url);
     }
 }
