@@ -37,7 +37,9 @@ public:
     int ExtractCa(std::string const& bundle, std::string const& output);
     void UpdateCaFile();
     // The CA file path, with a read hold on file_lock left to the caller,
-    // who gives it back with PutCaFile. May run a refresh first.
+    // who gives it back with PutCaFile: once, on the same thread (a second
+    // PutCaFile releases a hold that is not there, as a second unlock of
+    // the lock would). May run a refresh first.
     std::string GetCaFile();
     void PutCaFile();
 

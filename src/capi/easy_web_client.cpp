@@ -72,8 +72,8 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     // repeat an earlier call's Authorization or Cookie line.
     curl_slist* lines = nullptr;
     // An empty URL fails the transfer rather than sending it wrong.
-    if (webclient::anyHoldsLineBreak(headers, cookie)) {
-        WC_LOG_ERROR("[%s] a header line or the cookie holds CR or LF: not sent", "setupRequest");
+    if (const char* reason = webclient::unsendableReason(url, headers, cookie)) {
+        WC_LOG_ERROR("[%s] %s: not sent", "setupRequest", reason);
         curl_easy_setopt(h, CURLOPT_URL, "");
     } else if (!webclient::buildHeaderList(headers, lines)) {
         WC_LOG_ERROR("[%s] cannot build the request header lines", "setupRequest");

@@ -20,14 +20,21 @@ inline std::string withoutLineEnding(std::string text) {
 
 // A CR or LF anywhere else ends a line on the wire: what follows it would go
 // out as a header line of its own, or as a second request whose answer the
-// next caller on that connection would take for its own. Such text is
-// refused, not sent.
-inline bool holdsLineBreak(const std::string& text) {
-    return withoutLineEnding(text).find_first_of("\r\n") != std::string::npos;
+// next caller on that connection would take for its own. A NUL ends the text
+// for libcurl, which takes C strings: the rest would be dropped without a
+// word. Such text is refused, not sent.
+inline bool holdsLineBreakOrNul(const std::string& text) {
+    return withoutLineEnding(text).find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
 }
 
-inline bool anyHoldsLineBreak(const std::vector<std::string>& headers, const std::string& cookie) {
-    return holdsLineBreak(cookie) || std::any_of(headers.begin(), headers.end(), holdsLineBreak);
+// Why a request cannot go out as it was given, or null.
+inline const char* unsendableReason(const std::string& url, const std::vector<std::string>& headers,
+                                    const std::string& cookie) {
+    if (url.find('\0') != std::string::npos) return "the URL holds a NUL byte";
+    if (holdsLineBreakOrNul(cookie) || std::any_of(headers.begin(), headers.end(), holdsLineBreakOrNul)) {
+        return "a header line or the cookie holds CR, LF or NUL";
+    }
+    return nullptr;
 }
 
 // `headers` in order; `built` is null when there is nothing to send. The

@@ -140,9 +140,9 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     // reason, lower-case names), and a stream cut short after the server's
     // graceful close comes back without error text.
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    if (webclient::anyHoldsLineBreak(request.headers, request.cookie)) {
-        WC_LOG_ERROR("[%s] a header line or the cookie holds CR or LF: not sent", request.getPrintableUrl().c_str());
-        throw WebException("a header line or the cookie holds CR or LF", nullptr);
+    if (const char* reason = webclient::unsendableReason(request.url, request.headers, request.cookie)) {
+        WC_LOG_ERROR("[%s] %s: not sent", request.getPrintableUrl().c_str(), reason);
+        throw WebException(reason, nullptr);
     }
     curl_slist* lines = nullptr;
     if (!webclient::buildHeaderList(request.headers, lines)) {

@@ -55,6 +55,13 @@ TEST(EasyWebClient, GetFollowsRedirectsAndSendsWhatItIsGiven) {
     client.post(server.url("127.0.0.1", "/echo"), "u", "p", "posted", second, response, &code);
     EXPECT_EQ(code, 200);
     EXPECT_EQ(lastRequest(server).body, "posted");
+    // A NUL would cut the URL or a line short: refused as a line break is.
+    const size_t seen = server.requests().size();
+    const std::string nul("\0", 1);
+    std::vector<std::string> cut = {"X-A: 1" + nul + "X-B: 2"};
+    EXPECT_EQ(client.get(server.url("127.0.0.1", "/echo") + nul + "/x", "", "", "", second, responseHeaders, response), -1);
+    EXPECT_EQ(client.get(server.url("127.0.0.1", "/echo"), "", "", "", cut, responseHeaders, response), -1);
+    EXPECT_EQ(server.requests().size(), seen);
 }
 
 TEST(EasyWebClient, UploadsWithAndWithoutAFile) {

@@ -56,6 +56,21 @@ TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
     EXPECT_NE(fcntl(kept, F_GETFD) & FD_CLOEXEC, 0);
 }
 
+// libcurl takes C strings: a NUL would send the text before it as if it
+// were all, a different request from the one asked for.
+TEST_P(BlockingVerbs, ANulByteIsRefusedNotCutShort) {
+    const std::string nul("\0", 1);
+    std::vector<std::string> headers = {"X-A: 1" + nul + "X-B: 2"};
+    std::string responseHeaders, response, error;
+    int code = 0;
+    EXPECT_THROW(client.get(url("/echo" + nul + "/x"), none, response, error, false), WebException);
+    EXPECT_THROW(client.get(url("/echo"), headers, response, error, false), WebException);
+    EXPECT_THROW(client.get(url("/echo"), "", "", "a=1" + nul + "b=2", none, responseHeaders, response, error,
+                            &code, false),
+                 WebException);
+    EXPECT_TRUE(server.requests().empty());
+}
+
 TEST(BlockingVerbFailures, WaitLimitIsReportedOnlyInTheLog) {
     TestServer server;
     LogCapture log;
