@@ -46,15 +46,20 @@ inline size_t authorityStart(const std::string& text, bool schemeless) {
     return start;
 }
 
-// Where the authority that begins at `start` ends. A password holding an
-// unencoded '/', '?' or '#' ("u:pa/ss@host", which libcurl refuses) ends it
-// early, before its '@': an authority without '@' whose text after its first
-// colon is no port then reaches to the end, so that the mask covers the
-// password (and, in such a broken URL, whatever else lies before its last '@').
+// Where the authority that begins at `start` ends: at a path, query or
+// fragment, or at a quote or blank (a URL quoted inside a longer text). A
+// password holding one of those unencoded ("u:pa/ss@host", which libcurl
+// refuses) ends it early, before its '@': when the text after the host's
+// colon is then no port, the authority reaches to the end, so that the mask
+// covers the password (and, in such a broken URL, whatever else lies before
+// the text's last '@').
 inline size_t authorityEnd(const std::string& text, size_t start) {
-    const size_t end = std::min(text.find_first_of("/?#", start), text.size());
-    const size_t colon = text.find(':', start);
-    if (text[start] == '[' || colon >= end || text.find('@', start) < end) return end;  // '[': IPv6 colons
+    const size_t end = std::min(text.find_first_of("/?#'\" \t", start), text.size());
+    if (end == start) return end;
+    const size_t at = text.rfind('@', end - 1);
+    const size_t host = at != std::string::npos && at >= start ? at + 1 : start;
+    const size_t colon = text.find(':', host);
+    if (host >= end || text[host] == '[' || colon >= end) return end;  // '[': an IPv6 literal's colons
     const bool port = std::all_of(text.begin() + static_cast<long>(colon) + 1, text.begin() + static_cast<long>(end),
                                   [](unsigned char c) { return std::isdigit(c) != 0; });
     return port ? end : text.size();

@@ -16,8 +16,10 @@ const char* const kSecretNameParts[] = {"auth", "cookie", "token", "key", "secre
 
 // Request headers are the caller's, and a custom one may carry a credential
 // under any name (X-Credential, X-Pass, ...): only these show their values.
-const char* const kPlainRequestNames[] = {"host",    "accept",     "accept-encoding",   "content-type", "content-length",
-                                          "expect",  "user-agent", "transfer-encoding", "connection",   "range"};
+const char* const kPlainRequestNames[] = {
+    "host",           "accept",     "accept-encoding",   "accept-language", "content-type",
+    "content-length", "user-agent", "transfer-encoding", "connection",      "expect",
+    "range",          "cache-control", "if-none-match",  "if-modified-since"};
 
 bool isPlainRequestName(const std::string& name) {
     return std::any_of(std::begin(kPlainRequestNames), std::end(kPlainRequestNames),
@@ -29,19 +31,37 @@ bool looksSecret(const std::string& name) {
                        [&](const char* part) { return name.find(part) != std::string::npos; });
 }
 
-// The length of "Name:" when `line` is a header line whose value must not
-// show, otherwise 0. Blanks around the name (" Authorization : x") are not
-// part of it: libcurl sends a caller's line as it is written.
+// "METHOD target HTTP/x.y": the one line of a request's header that is not
+// a header line.
+bool isRequestLine(const std::string& line) {
+    const size_t space = line.find(' ');
+    const size_t version = line.rfind(" HTTP/");
+    if (space == 0 || space == std::string::npos || version == std::string::npos || version <= space) return false;
+    const bool methodLike = std::all_of(line.begin(), line.begin() + static_cast<long>(space),
+                                        [](unsigned char c) { return c >= 'A' && c <= 'Z'; });
+    return methodLike && version + 6 < line.size() && line.find_first_not_of("0123456789.", version + 6) == std::string::npos;
+}
+
+// The part before a colon, without the blanks around it (libcurl sends a
+// caller's line as it is written: " Authorization : x"), in lower case.
+std::string trimmedName(std::string name) {
+    name.erase(name.find_last_not_of(" \t") + 1);
+    name.erase(0, name.find_first_not_of(" \t"));
+    return webclient::lowerCase(name);
+}
+
+bool isSingleWord(const std::string& name) { return !name.empty() && name.find_first_of(" \t") == std::string::npos; }
+
+// The length of "Name:" when `line`'s value must not show, otherwise 0. A
+// request header line shows only a plain name's value, whatever the name
+// looks like; in other lines only a single-word name that looks like a
+// credential is masked (text lines such as "ALPN: offers http/1.1" stay).
 size_t maskedHeaderNameLength(const std::string& line, bool requestHeader) {
     const size_t colon = line.find(':');
     if (colon == std::string::npos) return 0;
-    std::string name = line.substr(0, colon);
-    name.erase(name.find_last_not_of(" \t") + 1);
-    name.erase(0, name.find_first_not_of(" \t"));
-    if (name.empty() || name.find_first_of(" \t") != std::string::npos) return 0;
-    name = webclient::lowerCase(name);
-    const bool masked = requestHeader ? !isPlainRequestName(name) : looksSecret(name);
-    return masked ? colon + 1 : 0;
+    const std::string name = trimmedName(line.substr(0, colon));
+    if (requestHeader) return isPlainRequestName(name) ? 0 : colon + 1;
+    return isSingleWord(name) && looksSecret(name) ? colon + 1 : 0;
 }
 
 const char* prefixFor(curl_infotype type) {
@@ -57,8 +77,10 @@ const char* prefixFor(curl_infotype type) {
 // (8.x). The position just past a masked name's colon there, or npos.
 size_t maskedBracketedNameEnd(const std::string& line) {
     for (size_t open = line.find('['); open != std::string::npos; open = line.find('[', open + 1)) {
-        const size_t nameLength = maskedHeaderNameLength(line.substr(open + 1), true);
-        if (nameLength != 0) return open + 1 + nameLength;
+        const size_t colon = line.find(':', open + 1);
+        if (colon == std::string::npos) break;
+        const std::string name = trimmedName(line.substr(open + 1, colon - open - 1));
+        if (isSingleWord(name) && !isPlainRequestName(name)) return colon + 1;
     }
     return std::string::npos;
 }
@@ -87,8 +109,8 @@ int logVerboseLine(CURL*, curl_infotype type, char* data, size_t size, void*) {
             if (!line.empty() && line.back() == '\r') line.pop_back();
             if (!line.empty()) {
                 // Escaped: a server's header line must not print a log line of its own.
-                const std::string shown =
-                    webclient::escapeControlBytes(maskVerboseLine(line, type == CURLINFO_HEADER_OUT));
+                const bool requestHeader = type == CURLINFO_HEADER_OUT && !isRequestLine(line);
+                const std::string shown = webclient::escapeControlBytes(maskVerboseLine(line, requestHeader));
                 WC_LOG_DEBUG("%s%s", prefixFor(type), shown.c_str());
             }
             start = end + 1;

@@ -13,6 +13,7 @@
 // A CURLOPT_DEBUGFUNCTION callback. Data and TLS payloads are not logged.
 int logVerboseLine(CURL* handle, curl_infotype type, char* data, size_t size, void* unused);
 
-// One verbose line with its secrets masked; `requestHeader` for a line of
-// the request's header (the bracketed HTTP/2 forms count as such anyway).
+// One verbose line with its secrets masked; `requestHeader` for a header
+// line of a request (not its request line); the bracketed HTTP/2 forms
+// count as such anyway.
 std::string maskVerboseLine(const std::string& line, bool requestHeader);
