@@ -72,7 +72,11 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     // repeat an earlier call's Authorization or Cookie line.
     curl_slist* lines = nullptr;
     // An empty URL fails the transfer rather than sending it wrong.
-    if (const char* reason = webclient::unsendableReason(url, headers, cookie)) {
+    const char* reason = webclient::unsendableReason(url, headers, cookie);
+    if (reason == nullptr && (webclient::cutByNul(user) || webclient::cutByNul(password))) {
+        reason = webclient::kCredentialsCutByNul;
+    }
+    if (reason != nullptr) {
         WC_LOG_ERROR("[%s] %s: not sent", "setupRequest", reason);
         curl_easy_setopt(h, CURLOPT_URL, "");
     } else if (!webclient::buildHeaderList(headers, lines)) {

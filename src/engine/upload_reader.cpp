@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "engine/header_lines.h"
 #include "util/log.h"
 
 namespace {
@@ -61,6 +62,13 @@ bool namesDirectory(const std::string& path) {
 
 curl_httppost* buildUploadForm(const std::map<std::string, std::string>* formFields, const std::string& fieldName,
                                const std::string& filePath) {
+    const bool fieldCut = formFields != nullptr && std::any_of(formFields->begin(), formFields->end(), [](const auto& f) {
+        return cutByNul(f.first) || cutByNul(f.second);
+    });
+    if (fieldCut || cutByNul(fieldName) || cutByNul(filePath)) {
+        WC_LOG_ERROR("[buildUploadForm] a form field or the file name holds a NUL byte");
+        return nullptr;
+    }
     curl_httppost* first = nullptr;
     curl_httppost* last = nullptr;
     CURLFORMcode added = CURL_FORMADD_OK;

@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "engine/header_lines.h"
 #include "engine/web_request_impl.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
@@ -64,6 +65,10 @@ struct FormFree {
 };
 
 void setCredentials(WebRequest& request, const std::string& user, const std::string& password) {
+    if (webclient::cutByNul(user) || webclient::cutByNul(password)) {
+        WC_LOG_ERROR("[%s] %s: not sent", request.getPrintableUrl().c_str(), webclient::kCredentialsCutByNul);
+        throw WebException(webclient::kCredentialsCutByNul, nullptr);
+    }
     if (user.empty() || password.empty()) return;
     const std::string userPassword = user + ":" + password;  // libcurl keeps its own copy
     curl_easy_setopt(request.impl->curl_handle, CURLOPT_USERPWD, userPassword.c_str());

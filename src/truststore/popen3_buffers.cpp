@@ -63,7 +63,7 @@ extern "C" int waste_stream(FILE* stream) {
 }
 
 extern "C" int strings_to_stream(FILE* stream, char* buffer, size_t length) {
-    if (stream == nullptr || buffer == nullptr) return 1;
+    if (stream == nullptr || (buffer == nullptr && length > 0)) return 1;
     const char* end = buffer + length;
     for (const char* text = buffer; text < end;) {
         // Bounded: a buffer not made by fgets_some may lack its last NUL.

@@ -57,10 +57,13 @@ TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
 }
 
 // libcurl takes C strings: a NUL would send the text before it as if it
-// were all, a different request from the one asked for.
+// were all, a different request from the one asked for. NULs at the very
+// end cut nothing.
 TEST_P(BlockingVerbs, ANulByteIsRefusedNotCutShort) {
     const std::string nul("\0", 1);
     std::vector<std::string> headers = {"X-A: 1" + nul + "X-B: 2"};
+    std::map<std::string, std::string> fields = {{"f", "1" + nul + "2"}};
+    TempFile file("data");
     std::string responseHeaders, response, error;
     int code = 0;
     EXPECT_THROW(client.get(url("/echo" + nul + "/x"), none, response, error, false), WebException);
@@ -68,7 +71,16 @@ TEST_P(BlockingVerbs, ANulByteIsRefusedNotCutShort) {
     EXPECT_THROW(client.get(url("/echo"), "", "", "a=1" + nul + "b=2", none, responseHeaders, response, error,
                             &code, false),
                  WebException);
+    EXPECT_THROW(client.post(url("/echo"), "u", "pw" + nul + "rest", "x", none, response, error, false), WebException);
+    EXPECT_THROW(client.uploadByPost(url("/echo"), "", "", none, "f", file.path() + nul + ".bak", response, &code,
+                                     error, false),
+                 WebException);
+    EXPECT_THROW(client.uploadByPost(url("/echo"), "", "", none, fields, "f", file.path(), responseHeaders, response,
+                                     error, false),
+                 WebException);
     EXPECT_TRUE(server.requests().empty());
+    client.get(url("/echo" + nul + nul), none, response, error, false);
+    EXPECT_EQ(response.rfind("GET /echo", 0), 0u) << response;
 }
 
 TEST(BlockingVerbFailures, WaitLimitIsReportedOnlyInTheLog) {
