@@ -30,6 +30,7 @@ expect 64 "a directory as the body" "$cli" post --data-file / http://127.0.0.1:1
 expect 64 "a field given twice" "$cli" upload -F a=1 -F a=2 -F f=@/etc/hostname http://127.0.0.1:1/
 expect 64 "a cookie on a POST" "$cli" post -d x --cookie sid=1 http://127.0.0.1:1/
 expect 64 "a URL without scheme" "$cli" get 127.0.0.1:1/
+expect 64 "a bare scheme" "$cli" get http
 printf 'a\0b' > "$dir/nul.bin"
 expect 64 "a NUL in the body" "$cli" post --data-file "$dir/nul.bin" http://127.0.0.1:1/
 expect 64 "an unknown option with a joined value" "$cli" get -uadmin:s3cret http://127.0.0.1:1/
@@ -83,7 +84,7 @@ chgrp 65534 "$long" && chmod 0640 "$long"  # run as root, as CI does
 expect 0 "download over a file of another group" "$cli" download -o "$long" "http://localhost:$port/other.txt"
 [ "$(stat -c %g:%a "$long")" = "65534:640" ] || fail "the replaced file lost its group or mode"
 expect 1 "download of a missing file, reported" "$cli" download -o "$long" "http://localhost:$port/missing"
-grep -q "^not kept: received" "$err" || fail "a failed download was reported as downloaded"
+grep -q "^download failed: received" "$err" || fail "a failed download was reported as downloaded"
 expect 0 "download with credentials" "$cli" download -u admin:pw -o "$dir/who.txt" "http://localhost:$port/whoami"
 [ "$(cat "$dir/who.txt")" = "Basic YWRtaW46cHc=" ] || fail "download -u sent no credentials"
 

@@ -131,7 +131,9 @@ bool parseOption(int argc, char** argv, int& i, CliOptions& options, std::string
 }
 
 bool hasHttpScheme(const std::string& url) {
-    const std::string scheme = url.substr(0, url.find("://"));
+    const size_t separator = url.find("://");
+    if (separator == std::string::npos) return false;
+    const std::string scheme = url.substr(0, separator);
     return strcasecmp(scheme.c_str(), "http") == 0 || strcasecmp(scheme.c_str(), "https") == 0;
 }
 

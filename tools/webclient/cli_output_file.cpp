@@ -105,6 +105,8 @@ std::FILE* OutputFile::open(std::string& error) {
         return nullptr;
     }
     mode_ = targetExists_ ? existing.st_mode & 07777 : modeForNewFile();
+    targetDevice_ = targetExists_ ? existing.st_dev : 0;
+    targetInode_ = targetExists_ ? existing.st_ino : 0;
     byRename_ = !targetExists_ || (existing.st_nlink == 1 && existing.st_uid == ::geteuid());
     std::FILE* stream = openTemporary(directoryOf(target_), error);
     if (stream == nullptr && targetExists_) {
@@ -127,8 +129,12 @@ std::FILE* OutputFile::openAsGiven(std::string& error) {
 
 std::FILE* OutputFile::openTemporary(const std::string& directory, std::string& error) {
     const size_t slash = target_.rfind('/');
-    // Cut so that the temporary name stays within NAME_MAX as the target's does.
-    const std::string name = target_.substr(slash == std::string::npos ? 0 : slash + 1, NAME_MAX - 8);
+    // Cut so that the temporary name stays within NAME_MAX as the target's
+    // does, between two UTF-8 characters.
+    std::string name = target_.substr(slash == std::string::npos ? 0 : slash + 1);
+    size_t cut = std::min<size_t>(name.size(), NAME_MAX - 8);
+    while (cut > 0 && cut < name.size() && (static_cast<unsigned char>(name[cut]) & 0xC0) == 0x80) --cut;
+    name.resize(cut);
     std::string pattern = directory + "/." + name + ".XXXXXX";
     const int fd = ::mkostemp(&pattern[0], O_CLOEXEC);  // mode 0600 until it is the target
     if (fd < 0) {
@@ -174,10 +180,18 @@ bool OutputFile::renameIntoTarget(std::FILE* written, std::string& error) {
 // whole copy, so an interruption leaves it too.
 bool OutputFile::copyIntoTarget(std::FILE* written, std::string& error) {
     struct stat downloaded;
-    const int target = ::open(target_.c_str(), O_WRONLY | O_CLOEXEC);
-    if (target < 0 || ::fstat(::fileno(written), &downloaded) != 0) {
+    struct stat now;
+    // The file checked when the download began, not whatever took its name
+    // meanwhile (a FIFO would hang the copy, a link lead elsewhere).
+    const int target = ::open(target_.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (target < 0 || ::fstat(target, &now) != 0 || ::fstat(::fileno(written), &downloaded) != 0) {
         error = failure("cannot open " + target_ + " for writing");
         if (target >= 0) ::close(target);
+        return false;
+    }
+    if (!S_ISREG(now.st_mode) || now.st_dev != targetDevice_ || now.st_ino != targetInode_) {
+        ::close(target);
+        error = target_ + " was replaced during the download";
         return false;
     }
     const int reserved = downloaded.st_size > 0 ? ::posix_fallocate(target, 0, downloaded.st_size) : 0;

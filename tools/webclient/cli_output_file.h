@@ -44,6 +44,8 @@ private:
     bool targetExists_ = false;
     bool byRename_ = true;
     mode_t mode_ = 0;  // the mode the target gets when renamed into place
+    dev_t targetDevice_ = 0;  // the existing target, overwritten only if still there
+    ino_t targetInode_ = 0;
 };
 
 // Removes a download's temporary file when the program is interrupted

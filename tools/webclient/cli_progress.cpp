@@ -77,6 +77,6 @@ void DownloadProgress::finish(const std::string& path, bool kept) {
     const long long bytes = (::stat(path.c_str(), &info) == 0) ? static_cast<long long>(info.st_size) : 0;
     if (terminal_ && shownPercent_ >= 0) std::fputc('\n', stderr);
     const double rate = seconds > 0.0 ? bytes / seconds / (1024.0 * 1024.0) : 0.0;
-    std::fprintf(stderr, "%s %lld bytes in %.2f s (%.2f MiB/s)\n", kept ? "downloaded" : "not kept: received", bytes,
+    std::fprintf(stderr, "%s %lld bytes in %.2f s (%.2f MiB/s)\n", kept ? "downloaded" : "download failed: received", bytes,
                  seconds, rate);
 }

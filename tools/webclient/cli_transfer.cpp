@@ -62,9 +62,12 @@ bool isTrustFailureText(const std::string& error) {
 // A verb keeps the error text of a failed attempt. With --ssl a trust
 // failure is retried after a CA-bundle refresh, so such a text next to an
 // HTTP status is the first attempt's, made good by the second; any other
-// text is the last attempt's own failure.
+// text is the last attempt's own failure. A redirect is followed to its
+// end, so a 3xx last status is a hop whose next one failed (http to an
+// https peer that never verified).
 bool madeGoodByRetry(const Outcome& out, bool useSsl) {
-    return useSsl && out.status != 0 && isTrustFailureText(out.error);
+    const bool redirectCutShort = out.status >= 300 && out.status < 400;
+    return useSsl && out.status != 0 && !redirectCutShort && isTrustFailureText(out.error);
 }
 
 int exitStatusOf(const Outcome& out, bool useSsl) {
