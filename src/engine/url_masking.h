@@ -46,15 +46,14 @@ inline size_t authorityStart(const std::string& text, bool schemeless) {
     return start;
 }
 
-// Where the authority that begins at `start` ends: at a path, query or
-// fragment, or at a quote or blank (a URL quoted inside a longer text). A
-// password holding one of those unencoded ("u:pa/ss@host", which libcurl
-// refuses) ends it early, before its '@': when the text after the host's
-// colon is then no port, the authority reaches to the end, so that the mask
-// covers the password (and, in such a broken URL, whatever else lies before
-// the text's last '@').
+// Where the authority that begins at `start` ends. A password holding an
+// unencoded '/', '?' or '#' ("u:pa/ss@host", which libcurl refuses) ends it
+// early, before its '@': when the text after the host's colon is then no
+// port, the authority reaches to the end, so that the mask covers the
+// password (and, in such a broken URL, whatever else lies before the text's
+// last '@': a mask too wide shows less, one too narrow a secret).
 inline size_t authorityEnd(const std::string& text, size_t start) {
-    const size_t end = std::min(text.find_first_of("/?#'\" \t", start), text.size());
+    const size_t end = std::min(text.find_first_of("/?#", start), text.size());
     if (end == start) return end;
     const size_t at = text.rfind('@', end - 1);
     const size_t host = at != std::string::npos && at >= start ? at + 1 : start;

@@ -325,7 +325,7 @@ TEST(Secrets, HeaderLinesInEveryVerboseFormAreMasked) {
     logVerboseLine(nullptr, CURLINFO_TEXT, &text[0], text.size(), nullptr);
     std::string sent =
         "GET / HTTP/1.1\r\nauthorization : Bearer S3ntinel-s\r\n Authorization: Bearer S3ntinel-l\r\n"
-        "X-Credential: S3ntinel-x\r\nX Token: S3ntinel-w\r\nAccept: */*\r\n\r\n";
+        "X-Credential: S3ntinel-x\r\nX Token: S3ntinel-w\r\nX T: S3ntinel-v HTTP/1.1\r\nAccept: */*\r\n\r\n";
     logVerboseLine(nullptr, CURLINFO_HEADER_OUT, &sent[0], sent.size(), nullptr);
     std::string received = "X-Session-Id: S3ntinel-r\r\nX-Note: a\x1b[2K\rerror [18] forged\r\n";
     logVerboseLine(nullptr, CURLINFO_HEADER_IN, &received[0], received.size(), nullptr);
