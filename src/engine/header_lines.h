@@ -19,32 +19,29 @@ inline std::string withoutLineEnding(std::string text) {
 }
 
 // A NUL ends the text for libcurl, which takes C strings: what follows it
-// would be dropped without a word, and a different request go out. NULs at
-// the very end only (a buffer copied with its terminator) drop nothing.
-inline bool cutByNul(const std::string& text) {
-    const size_t nul = text.find('\0');
-    return nul != std::string::npos && text.find_first_not_of('\0', nul) != std::string::npos;
-}
+// would be dropped without a word, and a different request go out (even a
+// NUL at the very end cuts "user" + ":" + "password" short).
+inline bool holdsNul(const std::string& text) { return text.find('\0') != std::string::npos; }
 
 // A CR or LF anywhere else ends a line on the wire: what follows it would go
 // out as a header line of its own, or as a second request whose answer the
 // next caller on that connection would take for its own. Such text, and
-// text a NUL would cut, is refused, not sent.
+// text with a NUL, is refused, not sent.
 inline bool holdsLineBreakOrNul(const std::string& text) {
-    return withoutLineEnding(text).find_first_of("\r\n") != std::string::npos || cutByNul(text);
+    return withoutLineEnding(text).find_first_of("\r\n") != std::string::npos || holdsNul(text);
 }
 
 // Why a request cannot go out as it was given, or null.
 inline const char* unsendableReason(const std::string& url, const std::vector<std::string>& headers,
                                     const std::string& cookie) {
-    if (cutByNul(url)) return "the URL holds a NUL byte";
+    if (holdsNul(url)) return "the URL holds a NUL byte";
     if (holdsLineBreakOrNul(cookie) || std::any_of(headers.begin(), headers.end(), holdsLineBreakOrNul)) {
         return "a header line or the cookie holds CR, LF or NUL";
     }
     return nullptr;
 }
 
-constexpr const char* kCredentialsCutByNul = "the user name or password holds a NUL byte";
+constexpr const char* kCredentialsHoldNul = "the user name or password holds a NUL byte";
 
 // `headers` in order; `built` is null when there is nothing to send. The
 // cookie argument is not among them (see where CURLOPT_COOKIE is set).

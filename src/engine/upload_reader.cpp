@@ -63,9 +63,9 @@ bool namesDirectory(const std::string& path) {
 curl_httppost* buildUploadForm(const std::map<std::string, std::string>* formFields, const std::string& fieldName,
                                const std::string& filePath) {
     const bool fieldCut = formFields != nullptr && std::any_of(formFields->begin(), formFields->end(), [](const auto& f) {
-        return cutByNul(f.first) || cutByNul(f.second);
+        return holdsNul(f.first) || holdsNul(f.second);
     });
-    if (fieldCut || cutByNul(fieldName) || cutByNul(filePath)) {
+    if (fieldCut || holdsNul(fieldName) || holdsNul(filePath)) {
         WC_LOG_ERROR("[buildUploadForm] a form field or the file name holds a NUL byte");
         return nullptr;
     }

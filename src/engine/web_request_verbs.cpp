@@ -64,11 +64,15 @@ struct FormFree {
     void operator()(curl_httppost* form) const { curl_formfree(form); }
 };
 
+// Checked before the set-up, whose TLS part may already refresh the CA
+// bundle; an inert request (no handle) does nothing, as for every verb.
+void refuseCredentialsWithNul(const WebRequest& request, const std::string& user, const std::string& password) {
+    if (request.impl->curl_handle == nullptr || !(webclient::holdsNul(user) || webclient::holdsNul(password))) return;
+    WC_LOG_ERROR("[%s] %s: not sent", request.getPrintableUrl().c_str(), webclient::kCredentialsHoldNul);
+    throw WebException(webclient::kCredentialsHoldNul, nullptr);
+}
+
 void setCredentials(WebRequest& request, const std::string& user, const std::string& password) {
-    if (webclient::cutByNul(user) || webclient::cutByNul(password)) {
-        WC_LOG_ERROR("[%s] %s: not sent", request.getPrintableUrl().c_str(), webclient::kCredentialsCutByNul);
-        throw WebException(webclient::kCredentialsCutByNul, nullptr);
-    }
     if (user.empty() || password.empty()) return;
     const std::string userPassword = user + ":" + password;  // libcurl keeps its own copy
     curl_easy_setopt(request.impl->curl_handle, CURLOPT_USERPWD, userPassword.c_str());
@@ -107,6 +111,7 @@ void runGet(WebRequest& request, const std::vector<std::string>* headers, const 
             const std::string& password, const DataReceivedCallback& onData,
             const DataReceivedCallback* onHeader, const CompletionCallback& onDone,
             Reads reads = Reads::kDefault, const std::string* cookie = nullptr) {
+    refuseCredentialsWithNul(request, user, password);
     if (!prepare(request, headers, onData, onHeader, onDone, cookie)) return;
     if (reads == Reads::kLarge) {
         curl_easy_setopt(request.impl->curl_handle, CURLOPT_BUFFERSIZE, kDownloadBufferBytes);
@@ -119,6 +124,7 @@ void runPost(WebRequest& request, const std::vector<std::string>& headers, const
              const std::string& password, const std::string& body,
              const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
              const CompletionCallback& onDone) {
+    refuseCredentialsWithNul(request, user, password);
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCheckedOption(request, CURLOPT_POST, 1L);
     setCredentials(request, user, password);
@@ -131,6 +137,7 @@ void runCustom(WebRequest& request, const char* method, const std::vector<std::s
                const std::string& user, const std::string& password, const std::string* body,
                const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
                const CompletionCallback& onDone) {
+    refuseCredentialsWithNul(request, user, password);
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCustomMethod(request, method);
     setCredentials(request, user, password);
@@ -168,6 +175,7 @@ void runFormUpload(WebRequest& request, const std::vector<std::string>& headers,
             throw WebException("cannot build the upload form", nullptr);
         }
     }
+    refuseCredentialsWithNul(request, user, password);
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCredentials(request, user, password);
     CURL* handle = request.impl->curl_handle;
@@ -293,6 +301,7 @@ void WebRequest::deleteAsync(std::string const& user, std::string const& passwor
 void WebRequest::uploadAsync(std::string const& user, std::string const& password,
                              std::vector<std::string>& headers, FILE* stream,
                              DataReceivedCallback const& onData, CompletionCallback const& onDone) {
+    refuseCredentialsWithNul(*this, user, password);
     if (!prepare(*this, &headers, onData, nullptr, onDone)) return;
     setCredentials(*this, user, password);
     if (stream != nullptr) {

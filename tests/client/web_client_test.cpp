@@ -57,8 +57,7 @@ TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
 }
 
 // libcurl takes C strings: a NUL would send the text before it as if it
-// were all, a different request from the one asked for. NULs at the very
-// end cut nothing.
+// were all, a different request from the one asked for.
 TEST_P(BlockingVerbs, ANulByteIsRefusedNotCutShort) {
     const std::string nul("\0", 1);
     std::vector<std::string> headers = {"X-A: 1" + nul + "X-B: 2"};
@@ -78,9 +77,9 @@ TEST_P(BlockingVerbs, ANulByteIsRefusedNotCutShort) {
     EXPECT_THROW(client.uploadByPost(url("/echo"), "", "", none, fields, "f", file.path(), responseHeaders, response,
                                      error, false),
                  WebException);
+    // Even at the very end: "admin\0" + ":" + "pw" would send no password.
+    EXPECT_THROW(client.post(url("/echo"), "admin" + nul, "pw", "x", none, response, error, false), WebException);
     EXPECT_TRUE(server.requests().empty());
-    client.get(url("/echo" + nul + nul), none, response, error, false);
-    EXPECT_EQ(response.rfind("GET /echo", 0), 0u) << response;
 }
 
 TEST(BlockingVerbFailures, WaitLimitIsReportedOnlyInTheLog) {
