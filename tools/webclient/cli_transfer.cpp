@@ -1,5 +1,7 @@
 #include "cli_transfer.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -59,15 +61,26 @@ bool isTrustFailureText(const std::string& error) {
     return false;
 }
 
+// A redirect is followed to its end, so a last answer that still sends the
+// client on is a hop whose next one failed (http to an https peer that
+// never verified). A download keeps no header text: its status alone tells.
+bool redirectCutShort(const Outcome& out) {
+    const int s = out.status;
+    if (s != 301 && s != 302 && s != 303 && s != 307 && s != 308) return false;
+    if (out.headers.empty()) return true;
+    size_t lastBlock = out.headers.rfind("\nHTTP/");
+    lastBlock = lastBlock == std::string::npos ? 0 : lastBlock;
+    std::string block = out.headers.substr(lastBlock);
+    std::transform(block.begin(), block.end(), block.begin(), [](unsigned char c) { return std::tolower(c); });
+    return block.find("\nlocation:") != std::string::npos;
+}
+
 // A verb keeps the error text of a failed attempt. With --ssl a trust
 // failure is retried after a CA-bundle refresh, so such a text next to an
 // HTTP status is the first attempt's, made good by the second; any other
-// text is the last attempt's own failure. A redirect is followed to its
-// end, so a 3xx last status is a hop whose next one failed (http to an
-// https peer that never verified).
+// text is the last attempt's own failure.
 bool madeGoodByRetry(const Outcome& out, bool useSsl) {
-    const bool redirectCutShort = out.status >= 300 && out.status < 400;
-    return useSsl && out.status != 0 && !redirectCutShort && isTrustFailureText(out.error);
+    return useSsl && out.status != 0 && !redirectCutShort(out) && isTrustFailureText(out.error);
 }
 
 int exitStatusOf(const Outcome& out, bool useSsl) {
