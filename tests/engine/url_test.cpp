@@ -25,9 +25,11 @@ TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
     EXPECT_EQ(get_printable_url("u:a/b@h/x"), "u:***@h/x");
     EXPECT_EQ(get_printable_url("http://john@example.com:Pa/ss@h:1/x"), "http://john@example.com:***@h:1/x");
     EXPECT_EQ(get_printable_url("http://o'brien:S3cret@h/x"), "http://o'brien:***@h/x");
+    EXPECT_EQ(get_printable_url("u:S3 cret@h/x"), "u:***@h/x");
+    EXPECT_EQ(get_printable_url("http://h/r?from=https://a/&to=https://u:S3@h2/x"), "http://h/r?from=https://a/&to=https://u:***@h2/x");
     EXPECT_EQ(get_printable_url("http://h/x\nerror [18] forged\x7f"), "http://h/x\\x0aerror [18] forged\\x7f");
     for (const char* url : {"https://h/p?a=1&b=2", "https://h/password=x", "https://h/p?mypassword=1", "https://u@h:1/",
-                            "https://h:1/p?to=a:b@c", "not a url: x@y", "h:1/p?to=a:b@c",
+                            "https://h:1/p?to=a:b@c", "h:1/p?to=a:b@c",
                             "http://[::1]:1/to/a:b@c"}) {
         EXPECT_EQ(get_printable_url(url), url);
     }
