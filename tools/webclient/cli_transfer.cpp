@@ -61,12 +61,12 @@ bool isTrustFailureText(const std::string& error) {
     return false;
 }
 
-// A redirect is followed to its end, so a last answer that still sends the
-// client on is a hop whose next one failed (http to an https peer that
-// never verified). A download keeps no header text: its status alone tells.
+// libcurl follows every 3xx that has a Location to its end, so a last
+// answer that still sends the client on is a hop whose next one failed
+// (http to an https peer that never verified). A download keeps no header
+// text: any 3xx counts then.
 bool redirectCutShort(const Outcome& out) {
-    const int s = out.status;
-    if (s != 301 && s != 302 && s != 303 && s != 307 && s != 308) return false;
+    if (out.status < 300 || out.status >= 400) return false;
     if (out.headers.empty()) return true;
     size_t lastBlock = out.headers.rfind("\nHTTP/");
     lastBlock = lastBlock == std::string::npos ? 0 : lastBlock;
