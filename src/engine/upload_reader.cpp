@@ -62,10 +62,10 @@ bool namesDirectory(const std::string& path) {
 
 curl_httppost* buildUploadForm(const std::map<std::string, std::string>* formFields, const std::string& fieldName,
                                const std::string& filePath) {
-    const bool fieldCut = formFields != nullptr && std::any_of(formFields->begin(), formFields->end(), [](const auto& f) {
+    const bool fieldWithNul = formFields != nullptr && std::any_of(formFields->begin(), formFields->end(), [](const auto& f) {
         return holdsNul(f.first) || holdsNul(f.second);
     });
-    if (fieldCut || holdsNul(fieldName) || holdsNul(filePath)) {
+    if (fieldWithNul || holdsNul(fieldName) || holdsNul(filePath)) {
         WC_LOG_ERROR("[buildUploadForm] a form field or the file name holds a NUL byte");
         return nullptr;
     }
