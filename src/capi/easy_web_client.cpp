@@ -24,6 +24,24 @@ int responseCodeOf(CURL* handle) {
                                                                                 : -1;
 }
 
+// Sets the credentials and the cookie. libcurl refuses a text over its 8 MB
+// limit and would then send the request without it: the reason, or null.
+const char* refusedTextReason(CURL* h, const std::string& user, const std::string& password,
+                              const std::string& cookie) {
+    if (!user.empty() && !password.empty()) {
+        const std::string userPassword = user + ":" + password;
+        if (curl_easy_setopt(h, CURLOPT_USERPWD, userPassword.c_str()) != CURLE_OK) {
+            return "libcurl refused the user name and password";
+        }
+    }
+    // As for WebRequest: the option follows redirects and yields to a Cookie line.
+    if (!cookie.empty() &&
+        curl_easy_setopt(h, CURLOPT_COOKIE, webclient::withoutLineEnding(cookie).c_str()) != CURLE_OK) {
+        return "libcurl refused the cookie";
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 EasyWebClient::EasyWebClient()
@@ -64,10 +82,6 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     curl_easy_setopt(h, CURLOPT_MAXREDIRS, 30L);  // older libcurl has no limit
     // HTTP/1.1 as on the other path: the header text stays in one form.
     curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    if (!user.empty() && !password.empty()) {
-        const std::string userPassword = user + ":" + password;
-        curl_easy_setopt(h, CURLOPT_USERPWD, userPassword.c_str());
-    }
     // Each call sends its own lines only: an object used again must not
     // repeat an earlier call's Authorization or Cookie line.
     curl_slist* lines = nullptr;
@@ -76,6 +90,7 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     if (reason == nullptr && (webclient::holdsNul(user) || webclient::holdsNul(password))) {
         reason = webclient::kCredentialsHoldNul;
     }
+    if (reason == nullptr) reason = refusedTextReason(h, user, password, cookie);
     if (reason != nullptr) {
         WC_LOG_ERROR("[%s] %s: not sent", "setupRequest", reason);
         curl_easy_setopt(h, CURLOPT_URL, "");
@@ -84,8 +99,6 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
         curl_easy_setopt(h, CURLOPT_URL, "");
     }
     (void)webclient::replaceHeaderList(h, header_list, lines);
-    // As for WebRequest: the option follows redirects and yields to a Cookie line.
-    if (!cookie.empty()) curl_easy_setopt(h, CURLOPT_COOKIE, webclient::withoutLineEnding(cookie).c_str());
 }
 
 int EasyWebClient::get(std::string const& url, std::string const& user, std::string const& password,

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 
@@ -149,7 +150,8 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
         WC_LOG_ERROR("[%s] cannot build the request header lines", request.getPrintableUrl().c_str());
         request.handleError();
     }
-    if (webclient::replaceHeaderList(handle, request.header_list, lines) != CURLE_OK) request.handleError();
+    const CURLcode listed = webclient::replaceHeaderList(handle, request.header_list, lines);
+    if (listed != CURLE_OK) failSetup(request, listed);
     // libcurl's cookie option, not a header line: it follows redirects (an
     // http to https hop on the same device keeps its session, where libcurl
     // drops a Cookie line), and a caller's own Cookie line overrides it.
@@ -286,6 +288,12 @@ long WebRequest::getResponseCode() {
 }
 
 void WebRequest::handleError() { throw WebException(impl->error_buffer, nullptr); }
+
+void failSetup(WebRequest& request, CURLcode code) {
+    char* text = request.impl->error_buffer;
+    if (text[0] == '\0') snprintf(text, CURL_ERROR_SIZE, "%s", curl_easy_strerror(code));
+    request.handleError();
+}
 
 void WebRequest::EasyWebRequestPerform(void* handle) {
     static const char kTag[] = "EasyWebRequestPerform";

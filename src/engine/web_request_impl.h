@@ -36,10 +36,14 @@ struct WebRequest::impl {
 // points libcurl's error text at the request. The request holds the handle.
 void takeCleanHandle(WebRequest& request);
 
+// Throws the set-up's WebException for a libcurl call that failed with
+// `code`. libcurl writes no error text when it refuses an option (a string
+// over its 8 MB limit, for one): the exception then carries the code's text.
+[[noreturn]] void failSetup(WebRequest& request, CURLcode code);
+
 // Sets an option whose failure must abort the set-up (throws WebException).
 template <typename Value>
 void setCheckedOption(WebRequest& request, CURLoption option, Value value) {
-    if (curl_easy_setopt(request.impl->curl_handle, option, value) != CURLE_OK) {
-        request.handleError();
-    }
+    const CURLcode code = curl_easy_setopt(request.impl->curl_handle, option, value);
+    if (code != CURLE_OK) failSetup(request, code);
 }

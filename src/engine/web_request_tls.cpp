@@ -147,7 +147,7 @@ void WebRequest::setupSecureRequest() {
         ERR_error_string_n(earlierSslError, text, sizeof text);
         WC_LOG_INFO("errbuf %s\n", text);
     }
-    handleError();
+    failSetup(*this, code);
 }
 
 CURLcode WebRequest::sslctx_function(CURL* /*curl*/, void* sslctx, void* request) {

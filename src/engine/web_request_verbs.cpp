@@ -72,10 +72,12 @@ void refuseCredentialsWithNul(const WebRequest& request, const std::string& user
     throw WebException(webclient::kCredentialsHoldNul, nullptr);
 }
 
+// Checked: libcurl refuses credentials over its 8 MB limit, and the request
+// would then go out without them.
 void setCredentials(WebRequest& request, const std::string& user, const std::string& password) {
     if (user.empty() || password.empty()) return;
     const std::string userPassword = user + ":" + password;  // libcurl keeps its own copy
-    curl_easy_setopt(request.impl->curl_handle, CURLOPT_USERPWD, userPassword.c_str());
+    setCheckedOption(request, CURLOPT_USERPWD, userPassword.c_str());
 }
 
 void setCustomMethod(WebRequest& request, const char* method) {

@@ -57,8 +57,9 @@ TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
 }
 
 // libcurl takes C strings: a NUL would send the text before it as if it
-// were all, a different request from the one asked for.
-TEST_P(BlockingVerbs, ANulByteIsRefusedNotCutShort) {
+// were all, a different request from the one asked for. And it refuses a
+// text over 8 MB, after which the request would go out without it.
+TEST_P(BlockingVerbs, TextLibcurlWouldCutOrDropIsRefused) {
     const std::string nul("\0", 1);
     std::vector<std::string> headers = {"X-A: 1" + nul + "X-B: 2"};
     std::map<std::string, std::string> fields = {{"f", "1" + nul + "2"}};
@@ -79,6 +80,14 @@ TEST_P(BlockingVerbs, ANulByteIsRefusedNotCutShort) {
                  WebException);
     // Even at the very end: "admin\0" + ":" + "pw" would send no password.
     EXPECT_THROW(client.post(url("/echo"), "admin" + nul, "pw", "x", none, response, error, false), WebException);
+    const std::string huge(9u << 20, 'p');
+    try {
+        client.post(url("/echo"), "u", huge, "x", none, response, error, false);
+        ADD_FAILURE() << "credentials libcurl refuses";
+    } catch (const WebException& refused) {
+        EXPECT_STRNE(refused.what(), "") << "the exception says why";
+    }
+    EXPECT_THROW(client.get(url("/echo?" + huge), none, response, error, false), WebException);
     EXPECT_TRUE(server.requests().empty());
 }
 
