@@ -15,6 +15,7 @@
 #include "engine/web_request_impl.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
+#include "util/sigpipe_shield.h"
 #include "webclient/ca_bundle.h"
 
 using std::placeholders::_1;
@@ -32,19 +33,29 @@ struct JsonDeleter {
 };
 using JsonPtr = std::unique_ptr<json_object, JsonDeleter>;
 
+// Adds `value` (owned from here on) to `object`; false when json-c had no
+// memory to make the value or to add it.
+bool addMember(json_object* object, const char* key, json_object* value) {
+    if (value == nullptr) return false;
+    if (json_object_object_add(object, key, value) == 0) return true;
+    json_object_put(value);
+    return false;
+}
+
 // {"token": "query_percentage", "data": {<key>: {"fail", "percentage", "inprogress"}}}
+// A report json-c cannot make whole is not sent: a part would mislead.
 void sendProgressReport(const std::string& key, const ImageDownload& entry, double percentage) {
-    JsonPtr report(json_object_new_object());
-    json_object* item = json_object_new_object();
-    json_object_object_add(item, "fail", json_object_new_boolean(entry.fail ? 1 : 0));
-    json_object_object_add(item, "percentage", json_object_new_double(percentage));
-    json_object_object_add(item, "inprogress", json_object_new_int(entry.inprogress ? 1 : 0));
-    json_object* data = json_object_new_object();
-    json_object_object_add(data, key.c_str(), item);
-    json_object_object_add(report.get(), "token", json_object_new_string("query_percentage"));
-    json_object_object_add(report.get(), "data", data);
+    JsonPtr report(json_object_new_object()), data(json_object_new_object()), item(json_object_new_object());
+    if (!report || !data || !item) return;
+    const bool made = addMember(item.get(), "fail", json_object_new_boolean(entry.fail ? 1 : 0)) &&
+                      addMember(item.get(), "percentage", json_object_new_double(percentage)) &&
+                      addMember(item.get(), "inprogress", json_object_new_int(entry.inprogress ? 1 : 0)) &&
+                      addMember(data.get(), key.c_str(), item.release()) &&
+                      addMember(report.get(), "token", json_object_new_string("query_percentage")) &&
+                      addMember(report.get(), "data", data.release());
+    const char* text = made ? json_object_to_json_string(report.get()) : nullptr;
     SalSendFunction sender = GetSalSend();
-    if (sender) sender(json_object_to_json_string(report.get()));
+    if (sender && text != nullptr) sender(text);
 }
 
 // Counts the chunk against its image and reports when the job-wide share
@@ -90,10 +101,16 @@ download_param::~download_param() = default;
 void WebClient::impl::downloadStreamCallback(std::shared_ptr<FILE> file, download_param* param,
                                              std::shared_ptr<DataReceivedEventArgs> chunk) {
     const size_t size = static_cast<size_t>(chunk->size);
-    size_t written = fwrite(chunk->data, 1, size, file.get());
-    // stdio holds back what does not fill a block: without the flush a full
-    // disk would show only at the caller's fclose, after a reported success.
-    if (written == size && fflush(file.get()) != 0) written = 0;
+    size_t written = 0;
+    {
+        // The file may be a pipe whose reader has gone.
+        webclient::SigpipeShield shield;
+        written = fwrite(chunk->data, 1, size, file.get());
+        // stdio holds back what does not fill a block: without the flush a
+        // full disk would show only at the caller's fclose, after a reported
+        // success.
+        if (written == size && fflush(file.get()) != 0) written = 0;
+    }
     const int writeError = errno;  // before the host's lock can change it
     // A file that lost data is no download, bookkeeping or not.
     if (written < size) chunk->cancel = true;

@@ -16,6 +16,7 @@
 #include "truststore/child_process.h"
 #include "truststore/unique_fd.h"
 #include "util/lock_guard.h"
+#include "util/sigpipe_shield.h"
 #include "webclient/popen3.h"
 
 namespace {
@@ -202,6 +203,9 @@ extern "C" popen3_streams popen3(const char* command) {
 extern "C" int pclose3(popen3_streams streams) {
     const pid_t pid = truststore::popen3_child_pid(streams);
     if (pid == 0) return -1;
+    // Closing the child's input writes out what is still buffered for it,
+    // into a pipe the child may have closed.
+    webclient::SigpipeShield shield;
     for (FILE* stream : {streams.child_in, streams.child_out, streams.child_err}) {
         if (stream == nullptr) continue;
         // Cleared before the close: once closed, the number may be handed

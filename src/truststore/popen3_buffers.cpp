@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "util/sigpipe_shield.h"
 #include "webclient/host.h"
 #include "webclient/popen3.h"
 
@@ -65,6 +66,7 @@ extern "C" int waste_stream(FILE* stream) {
 extern "C" int strings_to_stream(FILE* stream, char* buffer, size_t length) {
     if (stream == nullptr || (buffer == nullptr && length > 0)) return 1;
     const char* end = buffer + length;
+    webclient::SigpipeShield shield;  // the reader (a child) may have gone
     for (const char* text = buffer; text < end;) {
         // Bounded: a buffer not made by fgets_some may lack its last NUL.
         const size_t textLength = strnlen_s_helper(text, static_cast<size_t>(end - text));

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
+#include <csignal>
 #include <thread>
 
 #include "support/log_capture.h"
@@ -155,6 +156,21 @@ TEST_F(ProgressJob, WriteFailuresAndUnusableArgumentsEndTheDownload) {
     EXPECT_EQ(log.countContaining("write file error, download will be cancelled: No space left on device"), 2u);
     EXPECT_EQ(log.countContaining("progress_divisor is not positive"), 0u);
 
+    // A pipe whose reader has gone fails the write; SIGPIPE must not end a
+    // host that has not set it aside (the test servers ignore it for all).
+    struct sigaction fatal = {}, before = {};
+    fatal.sa_handler = SIG_DFL;
+    ASSERT_EQ(sigaction(SIGPIPE, &fatal, &before), 0);
+    for (const char* host : {"127.0.0.1", "localhost"}) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        close(ends[0]);
+        std::shared_ptr<FILE> orphaned(fdopen(ends[1], "w"), fclose);
+        setvbuf(orphaned.get(), nullptr, _IONBF, 0);  // nothing left for our own fclose to write
+        plain.url = server.url(host, "/bytes/3000");
+        EXPECT_FALSE(client.downloadStream(&plain, orphaned, &code, false).empty()) << host;
+    }
+    sigaction(SIGPIPE, &before, nullptr);
     EXPECT_EQ(client.downloadStream(&plain, nullptr, &code, false), "invalid argument") << "no crash at the first chunk";
     reset_download_percentage_data();
     percentages.clear();

@@ -99,6 +99,15 @@ TEST(Popen3, CapturesOutputAsBoundedLinesAndTheExitStatus) {
         std::fclose(stream);
     }
     EXPECT_EQ(strings_to_stream(stdout, nullptr, 5), 1);
+
+    // Input for a child that has closed its end: SIGPIPE must not end the host.
+    QuietStderr quiet;
+    popen3_streams deaf = popen3("exec 0<&-; echo closed");
+    char line[16] = {};
+    EXPECT_EQ(fgets_some(line, sizeof line, deaf.child_out), 0);
+    std::vector<char> lines(10000, 'x');
+    EXPECT_EQ(strings_to_stream(deaf.child_in, lines.data(), lines.size()), 0);
+    EXPECT_EQ(pclose3(deaf), 0);
 }
 
 TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {

@@ -1,0 +1,27 @@
+// Writing to a pipe whose reader has gone raises SIGPIPE, which ends the
+// process unless the host handles it. libcurl shields its own sockets, but
+// a stream the caller hands over (a download's file, a child's input) is
+// written by stdio.
+#pragma once
+
+#include <signal.h>
+
+namespace webclient {
+
+// Holds SIGPIPE off the calling thread for its lifetime, so that such a
+// write fails with EPIPE instead. A SIGPIPE raised meanwhile is taken back
+// before the thread's mask is restored; a thread that already blocks the
+// signal is left as it is. Keeps errno as the guarded code left it.
+class SigpipeShield {
+public:
+    SigpipeShield() noexcept;
+    ~SigpipeShield();
+    SigpipeShield(const SigpipeShield&) = delete;
+    SigpipeShield& operator=(const SigpipeShield&) = delete;
+
+private:
+    sigset_t previous_;
+    bool shielding_ = false;
+};
+
+}  // namespace webclient
