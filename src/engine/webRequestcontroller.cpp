@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string>
 
 #include "engine/web_request_impl.h"
 #include "engine/yield_wait.h"
@@ -129,7 +131,9 @@ WebRequestController::WebRequestController()
 
 int WebRequestController::onSocket(CURL*, curl_socket_t socket, int what, void* controller, void*) {
     auto* self = static_cast<WebRequestController*>(controller);
-    // -1 (a failed watch) makes libcurl fail the call instead of losing the socket.
+    // -1 (a failed watch, no memory) makes libcurl 7.88 fail every transfer
+    // then in progress and refuse new ones until they have ended; losing the
+    // socket instead would leave its transfer hanging.
     return webclient::resultOrOnException("onSocket", -1, [&] {
         utilities::lock::lock_guard guard(&self->socket_mutex);
         if (what == CURL_POLL_REMOVE) {
@@ -289,6 +293,13 @@ void WebRequestController::processPendingRequests() {
         WC_LOG_DEBUG("processPendingRequests error");
         // The loop pumps again at once while requests stay registered; the
         // pause keeps a lasting multi error from making that a busy loop.
+        sleepAfterIdleWait();
+    } catch (const Exception&) {
+        throw;  // ends the loop, as documented
+    } catch (const std::exception& error) {
+        // An allocation that failed once must not end the thread for good:
+        // every later background request would then wait out its limit.
+        WC_LOG_ERROR("processPendingRequests error %s", error.what());
         sleepAfterIdleWait();
     }
 }
@@ -473,6 +484,13 @@ void destroyController(WebRequestController* controller) {
 }  // namespace
 
 WebRequestManager::WebRequestManager() : controller(new WebRequestController()) {
+    if (controller->wake_fd < 0) {
+        // Without it a new request would wait for the socket wait to time
+        // out before it starts. A later getInstance() tries again.
+        const std::string reason = std::string("Failed to create the wake-up descriptor: ") + strerror(errno);
+        destroyController(controller);
+        throw WebException(reason, nullptr);
+    }
     curl_global_init(CURL_GLOBAL_ALL);
     CURLM* multi = curl_multi_init();
     if (multi == nullptr) {

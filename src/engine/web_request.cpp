@@ -219,7 +219,11 @@ int WebRequest::receiveHeaderInternal(const char* data, int count) {
 }
 
 void WebRequest::setComplete() {
-    WC_LOG_DEBUG("%p setComplete %s", static_cast<void*>(this), getPrintableUrl().c_str());
+    // The line needs memory; its owner's completion must not.
+    (void)webclient::resultOrOnException("setComplete", false, [this] {
+        WC_LOG_DEBUG("%p setComplete %s", static_cast<void*>(this), getPrintableUrl().c_str());
+        return true;
+    });
     // A throwing completion callback must not keep the owner waiting for
     // its deadline, nor end the transfer thread.
     if (impl->on_complete) {

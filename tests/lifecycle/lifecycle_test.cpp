@@ -3,12 +3,16 @@
 // because a stopped backend is never restarted within a process.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <thread>
 
 #include "support/log_capture.h"
 #include "support/server_util.h"
+#include "webclient/exception.h"
 #include "webclient/flat_api.h"
 #include "webclient/webRequestcontroller.h"
 #include "webclient/web_handle.h"
@@ -35,10 +39,27 @@ void expectSecondStartIsFree(WebRequestManager& backend) {
     EXPECT_LT(Clock::now() - again, std::chrono::milliseconds(500));
 }
 
+// With no descriptor free the backend cannot watch for new requests (each
+// would start only when the socket wait times out): it is not made, and a
+// later call makes it.
+void expectNoBackendWithoutADescriptor() {
+    const int lowestFree = dup(0);
+    ASSERT_GE(lowestFree, 0);
+    close(lowestFree);
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit full = before;
+    full.rlim_cur = static_cast<rlim_t>(lowestFree);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &full), 0);
+    EXPECT_THROW(WebRequestManager::getInstance(), WebException);
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
 }  // namespace
 
 TEST(BackendLifecycle, StartStopAndInertAfterwards) {
     TestServer server;
+    expectNoBackendWithoutADescriptor();
     WebRequestManager& backend = *WebRequestManager::getInstance();
     expectNotDrivenBeforeStart(backend, server.url("127.0.0.1", "/echo"));
     expectSecondStartIsFree(backend);
