@@ -87,9 +87,7 @@ void EasyWebClient::setupRequest(std::string const& url, std::string const& user
     curl_slist* lines = nullptr;
     // An empty URL fails the transfer rather than sending it wrong.
     const char* reason = webclient::unsendableReason(url, headers, cookie);
-    if (reason == nullptr && (webclient::holdsNul(user) || webclient::holdsNul(password))) {
-        reason = webclient::kCredentialsHoldNul;
-    }
+    if (reason == nullptr) reason = webclient::unsendableCredentials(user, password);
     if (reason == nullptr) reason = refusedTextReason(h, user, password, cookie);
     if (reason != nullptr) {
         WC_LOG_ERROR("[%s] %s: not sent", "setupRequest", reason);

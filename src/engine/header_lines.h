@@ -41,7 +41,19 @@ inline const char* unsendableReason(const std::string& url, const std::vector<st
     return nullptr;
 }
 
-constexpr const char* kCredentialsHoldNul = "the user name or password holds a NUL byte";
+// libcurl refuses a text option longer than this, and the request would go
+// out without it.
+constexpr size_t kMaxOptionText = 8000000;
+
+// Why the credentials cannot go out as given, or null. Both are sent only
+// when neither is empty, as one "user:password" text.
+inline const char* unsendableCredentials(const std::string& user, const std::string& password) {
+    if (holdsNul(user) || holdsNul(password)) return "the user name or password holds a NUL byte";
+    if (!user.empty() && !password.empty() && user.size() + 1 + password.size() > kMaxOptionText) {
+        return "the user name and password are longer than libcurl takes";
+    }
+    return nullptr;
+}
 
 // `headers` in order; `built` is null when there is nothing to send. The
 // cookie argument is not among them (see where CURLOPT_COOKIE is set).

@@ -66,14 +66,15 @@ struct FormFree {
 
 // Checked before the set-up, whose TLS part may already refresh the CA
 // bundle; an inert request (no handle) does nothing, as for every verb.
-void refuseCredentialsWithNul(const WebRequest& request, const std::string& user, const std::string& password) {
-    if (request.impl->curl_handle == nullptr || !(webclient::holdsNul(user) || webclient::holdsNul(password))) return;
-    WC_LOG_ERROR("[%s] %s: not sent", request.getPrintableUrl().c_str(), webclient::kCredentialsHoldNul);
-    throw WebException(webclient::kCredentialsHoldNul, nullptr);
+void refuseUnsendableCredentials(const WebRequest& request, const std::string& user, const std::string& password) {
+    const char* reason = webclient::unsendableCredentials(user, password);
+    if (request.impl->curl_handle == nullptr || reason == nullptr) return;
+    WC_LOG_ERROR("[%s] %s: not sent", request.getPrintableUrl().c_str(), reason);
+    throw WebException(reason, nullptr);
 }
 
-// Checked: libcurl refuses credentials over its 8 MB limit, and the request
-// would then go out without them.
+// Checked (the length was checked before): should libcurl still decline
+// them (no memory), the request must not go out without them.
 void setCredentials(WebRequest& request, const std::string& user, const std::string& password) {
     if (user.empty() || password.empty()) return;
     const std::string userPassword = user + ":" + password;  // libcurl keeps its own copy
@@ -113,7 +114,7 @@ void runGet(WebRequest& request, const std::vector<std::string>* headers, const 
             const std::string& password, const DataReceivedCallback& onData,
             const DataReceivedCallback* onHeader, const CompletionCallback& onDone,
             Reads reads = Reads::kDefault, const std::string* cookie = nullptr) {
-    refuseCredentialsWithNul(request, user, password);
+    refuseUnsendableCredentials(request, user, password);
     if (!prepare(request, headers, onData, onHeader, onDone, cookie)) return;
     if (reads == Reads::kLarge) {
         curl_easy_setopt(request.impl->curl_handle, CURLOPT_BUFFERSIZE, kDownloadBufferBytes);
@@ -126,7 +127,7 @@ void runPost(WebRequest& request, const std::vector<std::string>& headers, const
              const std::string& password, const std::string& body,
              const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
              const CompletionCallback& onDone) {
-    refuseCredentialsWithNul(request, user, password);
+    refuseUnsendableCredentials(request, user, password);
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCheckedOption(request, CURLOPT_POST, 1L);
     setCredentials(request, user, password);
@@ -139,7 +140,7 @@ void runCustom(WebRequest& request, const char* method, const std::vector<std::s
                const std::string& user, const std::string& password, const std::string* body,
                const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
                const CompletionCallback& onDone) {
-    refuseCredentialsWithNul(request, user, password);
+    refuseUnsendableCredentials(request, user, password);
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCustomMethod(request, method);
     setCredentials(request, user, password);
@@ -177,7 +178,7 @@ void runFormUpload(WebRequest& request, const std::vector<std::string>& headers,
             throw WebException("cannot build the upload form", nullptr);
         }
     }
-    refuseCredentialsWithNul(request, user, password);
+    refuseUnsendableCredentials(request, user, password);
     if (!prepare(request, &headers, onData, onHeader, onDone)) return;
     setCredentials(request, user, password);
     CURL* handle = request.impl->curl_handle;
@@ -303,7 +304,7 @@ void WebRequest::deleteAsync(std::string const& user, std::string const& passwor
 void WebRequest::uploadAsync(std::string const& user, std::string const& password,
                              std::vector<std::string>& headers, FILE* stream,
                              DataReceivedCallback const& onData, CompletionCallback const& onDone) {
-    refuseCredentialsWithNul(*this, user, password);
+    refuseUnsendableCredentials(*this, user, password);
     if (!prepare(*this, &headers, onData, nullptr, onDone)) return;
     setCredentials(*this, user, password);
     if (stream != nullptr) {
