@@ -43,10 +43,11 @@ bool addMember(json_object* object, const char* key, json_object* value) {
 }
 
 // {"token": "query_percentage", "data": {<key>: {"fail", "percentage", "inprogress"}}}
-// A report json-c cannot make whole is not sent: a part would mislead.
-void sendProgressReport(const std::string& key, const ImageDownload& entry, double percentage) {
+// A report json-c cannot make whole is not sent (a part would mislead):
+// false then, true when it was sent or the host has no channel for it.
+bool sendProgressReport(const std::string& key, const ImageDownload& entry, double percentage) {
     JsonPtr report(json_object_new_object()), data(json_object_new_object()), item(json_object_new_object());
-    if (!report || !data || !item) return;
+    if (!report || !data || !item) return false;
     const bool made = addMember(item.get(), "fail", json_object_new_boolean(entry.fail ? 1 : 0)) &&
                       addMember(item.get(), "percentage", json_object_new_double(percentage)) &&
                       addMember(item.get(), "inprogress", json_object_new_int(entry.inprogress ? 1 : 0)) &&
@@ -54,8 +55,10 @@ void sendProgressReport(const std::string& key, const ImageDownload& entry, doub
                       addMember(report.get(), "token", json_object_new_string("query_percentage")) &&
                       addMember(report.get(), "data", data.release());
     const char* text = made ? json_object_to_json_string(report.get()) : nullptr;
+    if (text == nullptr) return false;
     SalSendFunction sender = GetSalSend();
-    if (sender && text != nullptr) sender(text);
+    if (sender) sender(text);
+    return true;
 }
 
 // Counts the chunk against its image and reports when the job-wide share
@@ -82,8 +85,10 @@ void recordProgress(download_param& param, DataReceivedEventArgs& chunk, size_t 
     if (!std::isfinite(percentage)) return;
     if (entry.downloaded == entry.total) total_percentage = percentage;
     if (percentage - entry.last_reported < kReportStep) return;
-    entry.last_reported = percentage;
-    sendProgressReport(param.progress_key, entry, percentage);
+    const double previous = entry.last_reported;
+    entry.last_reported = percentage;  // as the host's sender may read it
+    // A report that could not be made is tried again with the next chunk.
+    if (!sendProgressReport(param.progress_key, entry, percentage)) entry.last_reported = previous;
 }
 
 }  // namespace

@@ -104,8 +104,9 @@ void dispatch(WebRequest& request) {
     }
 }
 
-// Large images arrive in fewer, larger pieces: one data callback (and one
-// file write) per 256 KiB instead of per 16 KiB.
+// Large images arrive in fewer, larger reads: one receive per 256 KiB
+// instead of per 16 KiB (libcurl 7.88 still hands the data to the callback
+// in pieces of at most 16 KiB).
 constexpr long kDownloadBufferBytes = 256 * 1024;
 
 enum class Reads { kDefault, kLarge };

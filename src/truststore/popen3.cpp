@@ -203,14 +203,14 @@ extern "C" popen3_streams popen3(const char* command) {
 extern "C" int pclose3(popen3_streams streams) {
     const pid_t pid = truststore::popen3_child_pid(streams);
     if (pid == 0) return -1;
-    // Closing the child's input writes out what is still buffered for it,
-    // into a pipe the child may have closed.
-    webclient::SigpipeShield shield;
     for (FILE* stream : {streams.child_in, streams.child_out, streams.child_err}) {
         if (stream == nullptr) continue;
         // Cleared before the close: once closed, the number may be handed
         // to another thread's popen3 at once, and its slot must survive.
         forgetDescriptor(fileno(stream));
+        // Closing the child's input writes out what is still buffered for
+        // it, into a pipe the child may have closed.
+        webclient::SigpipeShield shield;
         (void)std::fclose(stream);  // nothing buffered is worth a report here
     }
     return waitForChild(pid);

@@ -28,7 +28,7 @@ SigpipeShield::~SigpipeShield() {
     const int savedErrno = errno;
     const sigset_t pipeOnly = onlySigpipe();
     sigset_t pending;
-    if (sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+    if (savedErrno == EPIPE && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
         const timespec none{0, 0};
         while (sigtimedwait(&pipeOnly, nullptr, &none) < 0 && errno == EINTR) {
         }

@@ -9,9 +9,12 @@
 namespace webclient {
 
 // Holds SIGPIPE off the calling thread for its lifetime, so that such a
-// write fails with EPIPE instead. A SIGPIPE raised meanwhile is taken back
-// before the thread's mask is restored; a thread that already blocks the
-// signal is left as it is. Keeps errno as the guarded code left it.
+// write fails with EPIPE instead. When the guarded code ends with errno
+// EPIPE, the SIGPIPE its write raised is taken back before the thread's
+// mask is restored (any other stays pending and reaches the host then); a
+// thread that already blocks the signal is left as it is. Keeps errno as
+// the guarded code left it. Keep the guarded code short: a SIGPIPE sent to
+// the process meanwhile waits for it.
 class SigpipeShield {
 public:
     SigpipeShield() noexcept;

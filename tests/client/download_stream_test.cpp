@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
+#include <atomic>
 #include <csignal>
 #include <thread>
 
@@ -135,6 +136,54 @@ TEST_F(ProgressJob, HostCancelStopsAfterOneMoreChunk) {
     EXPECT_EQ(static_cast<double>(readWholeFile(out.path()).size()), counted);
 }
 
+namespace {
+
+std::atomic<int> sigpipesHandled{0};
+
+void countSigpipe(int) { sigpipesHandled.fetch_add(1); }
+
+// A stream whose writes succeed, each raising a SIGPIPE of its own.
+ssize_t writeRaisingSigpipe(void*, const char*, size_t size) {
+    pthread_kill(pthread_self(), SIGPIPE);
+    return static_cast<ssize_t>(size);
+}
+
+std::shared_ptr<FILE> unbuffered(FILE* stream) {
+    setvbuf(stream, nullptr, _IONBF, 0);  // nothing left for our own fclose to write
+    return std::shared_ptr<FILE>(stream, fclose);
+}
+
+}  // namespace
+
+// A pipe whose reader has gone fails the download, and SIGPIPE must not end
+// a host that has not set it aside (the test servers ignore it for all);
+// a SIGPIPE the download did not cause still reaches the host.
+TEST_F(ProgressJob, APipeWithoutReaderFailsTheDownloadAndNothingElse) {
+    download_param plain;
+    int code = 0;
+    struct sigaction fatal = {}, counting = {}, before = {};
+    fatal.sa_handler = SIG_DFL;
+    ASSERT_EQ(sigaction(SIGPIPE, &fatal, &before), 0);
+    for (const char* host : {"127.0.0.1", "localhost"}) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        close(ends[0]);
+        plain.url = server.url(host, "/bytes/3000");
+        EXPECT_FALSE(client.downloadStream(&plain, unbuffered(fdopen(ends[1], "w")), &code, false).empty()) << host;
+    }
+    counting.sa_handler = countSigpipe;
+    sigaction(SIGPIPE, &counting, nullptr);
+    for (const char* host : {"127.0.0.1", "localhost"}) {
+        sigpipesHandled = 0;
+        plain.url = server.url(host, "/bytes/3000");
+        const cookie_io_functions_t raising = {nullptr, writeRaisingSigpipe, nullptr, nullptr};
+        EXPECT_EQ(client.downloadStream(&plain, unbuffered(fopencookie(nullptr, "w", raising)), &code, false), "")
+            << host;
+        EXPECT_GE(sigpipesHandled.load(), 1) << host;
+    }
+    sigaction(SIGPIPE, &before, nullptr);
+}
+
 TEST_F(ProgressJob, WriteFailuresAndUnusableArgumentsEndTheDownload) {
     TempFile out("existing");
     download_param param = job("/bytes/200000", "ro");
@@ -156,21 +205,6 @@ TEST_F(ProgressJob, WriteFailuresAndUnusableArgumentsEndTheDownload) {
     EXPECT_EQ(log.countContaining("write file error, download will be cancelled: No space left on device"), 2u);
     EXPECT_EQ(log.countContaining("progress_divisor is not positive"), 0u);
 
-    // A pipe whose reader has gone fails the write; SIGPIPE must not end a
-    // host that has not set it aside (the test servers ignore it for all).
-    struct sigaction fatal = {}, before = {};
-    fatal.sa_handler = SIG_DFL;
-    ASSERT_EQ(sigaction(SIGPIPE, &fatal, &before), 0);
-    for (const char* host : {"127.0.0.1", "localhost"}) {
-        int ends[2];
-        ASSERT_EQ(pipe(ends), 0);
-        close(ends[0]);
-        std::shared_ptr<FILE> orphaned(fdopen(ends[1], "w"), fclose);
-        setvbuf(orphaned.get(), nullptr, _IONBF, 0);  // nothing left for our own fclose to write
-        plain.url = server.url(host, "/bytes/3000");
-        EXPECT_FALSE(client.downloadStream(&plain, orphaned, &code, false).empty()) << host;
-    }
-    sigaction(SIGPIPE, &before, nullptr);
     EXPECT_EQ(client.downloadStream(&plain, nullptr, &code, false), "invalid argument") << "no crash at the first chunk";
     reset_download_percentage_data();
     percentages.clear();
