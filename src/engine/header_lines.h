@@ -31,6 +31,10 @@ inline bool holdsLineBreakOrNul(const std::string& text) {
     return withoutLineEnding(text).find_first_of("\r\n") != std::string::npos || holdsNul(text);
 }
 
+// libcurl refuses a text option longer than this, and the request would go
+// out without it.
+constexpr size_t kMaxOptionText = 8000000;
+
 // Why a request cannot go out as it was given, or null.
 inline const char* unsendableReason(const std::string& url, const std::vector<std::string>& headers,
                                     const std::string& cookie) {
@@ -38,12 +42,10 @@ inline const char* unsendableReason(const std::string& url, const std::vector<st
     if (holdsLineBreakOrNul(cookie) || std::any_of(headers.begin(), headers.end(), holdsLineBreakOrNul)) {
         return "a header line or the cookie holds CR, LF or NUL";
     }
+    if (url.size() > kMaxOptionText) return "the URL is longer than libcurl takes";
+    if (withoutLineEnding(cookie).size() > kMaxOptionText) return "the cookie is longer than libcurl takes";
     return nullptr;
 }
-
-// libcurl refuses a text option longer than this, and the request would go
-// out without it.
-constexpr size_t kMaxOptionText = 8000000;
 
 // Why the credentials cannot go out as given, or null. Both are sent only
 // when neither is empty, as one "user:password" text.

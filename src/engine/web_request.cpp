@@ -118,6 +118,12 @@ namespace {
 // `deliverHeaders` the response header lines go to `on_header` and the
 // cookie, if any, is sent.
 void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
+    if (const char* reason = webclient::unsendableReason(request.url, request.headers, request.cookie)) {
+        // Megabytes of URL make no log line.
+        const bool urlTooLong = request.url.size() > webclient::kMaxOptionText;
+        WC_LOG_ERROR("[%s] %s: not sent", urlTooLong ? "..." : request.getPrintableUrl().c_str(), reason);
+        throw WebException(reason, nullptr);
+    }
     CURL* handle = request.impl->curl_handle;
     setCheckedOption(request, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
     setCheckedOption(request, CURLOPT_URL, request.url.c_str());
@@ -141,10 +147,6 @@ void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     // reason, lower-case names), and a stream cut short after the server's
     // graceful close comes back without error text.
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    if (const char* reason = webclient::unsendableReason(request.url, request.headers, request.cookie)) {
-        WC_LOG_ERROR("[%s] %s: not sent", request.getPrintableUrl().c_str(), reason);
-        throw WebException(reason, nullptr);
-    }
     curl_slist* lines = nullptr;
     if (!webclient::buildHeaderList(request.headers, lines)) {
         WC_LOG_ERROR("[%s] cannot build the request header lines", request.getPrintableUrl().c_str());

@@ -81,13 +81,18 @@ TEST_P(BlockingVerbs, TextLibcurlWouldCutOrDropIsRefused) {
     // Even at the very end: "admin\0" + ":" + "pw" would send no password.
     EXPECT_THROW(client.post(url("/echo"), "admin" + nul, "pw", "x", none, response, error, false), WebException);
     const std::string huge(9u << 20, 'p');
-    try {
-        client.post(url("/echo"), "u", huge, "x", none, response, error, false);
-        ADD_FAILURE() << "credentials libcurl refuses";
-    } catch (const WebException& refused) {
-        EXPECT_STRNE(refused.what(), "") << "the exception says why";
+    const struct {
+        std::string url, password;
+        const char* named;  // the exception says what is too long
+    } oversized[] = {{url("/echo"), huge, "password"}, {url("/echo?" + huge), "pw", "URL"}};
+    for (const auto& c : oversized) {
+        try {
+            client.post(c.url, "u", c.password, "x", none, response, error, false);
+            ADD_FAILURE() << c.named;
+        } catch (const WebException& refused) {
+            EXPECT_NE(std::string(refused.what()).find(c.named), std::string::npos) << refused.what();
+        }
     }
-    EXPECT_THROW(client.get(url("/echo?" + huge), none, response, error, false), WebException);
     EXPECT_TRUE(server.requests().empty());
 }
 
