@@ -18,23 +18,28 @@ sigset_t onlySigpipe() {
 
 }  // namespace
 
-SigpipeShield::SigpipeShield() noexcept {
+SigpipeShield::SigpipeShield() noexcept : callerErrno_(errno) {
     const sigset_t pipeOnly = onlySigpipe();
-    shielding_ = pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous_) == 0 && sigismember(&previous_, SIGPIPE) == 0;
+    sigset_t previous;
+    shielding_ = pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous) == 0 && sigismember(&previous, SIGPIPE) == 0;
+    // Cleared, so that only an EPIPE of the guarded code itself counts.
+    errno = 0;
 }
 
 SigpipeShield::~SigpipeShield() {
-    if (!shielding_) return;
-    const int savedErrno = errno;
-    const sigset_t pipeOnly = onlySigpipe();
-    sigset_t pending;
-    if (savedErrno == EPIPE && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
-        const timespec none{0, 0};
-        while (sigtimedwait(&pipeOnly, nullptr, &none) < 0 && errno == EINTR) {
+    const int guardedErrno = errno;
+    if (shielding_) {
+        const sigset_t pipeOnly = onlySigpipe();
+        sigset_t pending;
+        if (guardedErrno == EPIPE && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+            const timespec none{0, 0};
+            while (sigtimedwait(&pipeOnly, nullptr, &none) < 0 && errno == EINTR) {
+            }
         }
+        // Only SIGPIPE: whatever else the guarded code did to the mask stays.
+        pthread_sigmask(SIG_UNBLOCK, &pipeOnly, nullptr);
     }
-    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
-    errno = savedErrno;
+    errno = guardedErrno != 0 ? guardedErrno : callerErrno_;
 }
 
 }  // namespace webclient

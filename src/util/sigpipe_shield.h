@@ -9,12 +9,12 @@
 namespace webclient {
 
 // Holds SIGPIPE off the calling thread for its lifetime, so that such a
-// write fails with EPIPE instead. When the guarded code ends with errno
-// EPIPE, the SIGPIPE its write raised is taken back before the thread's
-// mask is restored (any other stays pending and reaches the host then); a
-// thread that already blocks the signal is left as it is. Keeps errno as
-// the guarded code left it. Keep the guarded code short: a SIGPIPE sent to
-// the process meanwhile waits for it.
+// write fails with EPIPE instead. When the guarded code itself ends with
+// errno EPIPE, the SIGPIPE its write raised is taken back before SIGPIPE is
+// unblocked again (any other stays pending and reaches the host then); a
+// thread that already blocks the signal is left as it is. errno is what the
+// guarded code set, or the caller's value when it set none. Keep the
+// guarded code short: a SIGPIPE sent to the process meanwhile waits for it.
 class SigpipeShield {
 public:
     SigpipeShield() noexcept;
@@ -23,7 +23,7 @@ public:
     SigpipeShield& operator=(const SigpipeShield&) = delete;
 
 private:
-    sigset_t previous_;
+    int callerErrno_;
     bool shielding_ = false;
 };
 

@@ -11,6 +11,7 @@
 #include "support/log_capture.h"
 #include "support/server_util.h"
 #include "support/test_helpers.h"
+#include "util/sigpipe_shield.h"
 #include "webclient/host.h"
 #include "webclient/web_client.h"
 
@@ -181,6 +182,15 @@ TEST_F(ProgressJob, APipeWithoutReaderFailsTheDownloadAndNothingElse) {
             << host;
         EXPECT_GE(sigpipesHandled.load(), 1) << host;
     }
+    // An EPIPE left from before the guard is not the guarded write's.
+    sigpipesHandled = 0;
+    errno = EPIPE;
+    {
+        webclient::SigpipeShield shield;
+        pthread_kill(pthread_self(), SIGPIPE);
+    }
+    EXPECT_EQ(sigpipesHandled.load(), 1);
+    EXPECT_EQ(errno, EPIPE) << "the caller's errno, as the guarded code set none";
     sigaction(SIGPIPE, &before, nullptr);
 }
 

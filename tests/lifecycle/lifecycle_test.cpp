@@ -57,7 +57,7 @@ void expectNoBackendWithoutADescriptor() {
     rlimit low = before;
     low.rlim_cur = std::min<rlim_t>(before.rlim_cur, 4096);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-    // Every free number taken, also those other threads give back meanwhile.
+    // Every free number taken, also those given back while this runs.
     std::vector<int> taken;
     for (int fd; (fd = dup(0)) >= 0;) taken.push_back(fd);
     EXPECT_THROW(WebRequestManager::getInstance(), WebException);
