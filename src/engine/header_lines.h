@@ -43,7 +43,9 @@ inline const char* unsendableReason(const std::string& url, const std::vector<st
         return "a header line or the cookie holds CR, LF or NUL";
     }
     if (url.size() > kMaxOptionText) return "the URL is longer than libcurl takes";
-    if (withoutLineEnding(cookie).size() > kMaxOptionText) return "the cookie is longer than libcurl takes";
+    if (cookie.size() > kMaxOptionText && withoutLineEnding(cookie).size() > kMaxOptionText) {
+        return "the cookie is longer than libcurl takes";
+    }
     return nullptr;
 }
 

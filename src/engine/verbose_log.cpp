@@ -108,10 +108,10 @@ int logVerboseLine(CURL*, curl_infotype type, char* data, size_t size, void*) {
             std::string line = text.substr(start, end - start);
             if (!line.empty() && line.back() == '\r') line.pop_back();
             if (!line.empty()) {
-                // Escaped: a server's header line must not print a log line of its own.
                 // libcurl hands over a request's whole header at once: its
                 // first line is the request line, every other one a header.
                 const bool requestHeader = type == CURLINFO_HEADER_OUT && !(start == 0 && isRequestLine(line));
+                // Escaped: a server's header line must not print a log line of its own.
                 const std::string shown = webclient::escapeControlBytes(maskVerboseLine(line, requestHeader));
                 WC_LOG_DEBUG("%s%s", prefixFor(type), shown.c_str());
             }

@@ -119,10 +119,7 @@ namespace {
 // cookie, if any, is sent.
 void applyBaseOptions(WebRequest& request, bool deliverHeaders) {
     if (const char* reason = webclient::unsendableReason(request.url, request.headers, request.cookie)) {
-        // Megabytes of URL make no log line.
-        const bool urlTooLong = request.url.size() > webclient::kMaxOptionText;
-        WC_LOG_ERROR("[%s] %s: not sent", urlTooLong ? "..." : request.getPrintableUrl().c_str(), reason);
-        throw WebException(reason, nullptr);
+        refuseRequest(request, reason);
     }
     CURL* handle = request.impl->curl_handle;
     setCheckedOption(request, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
@@ -294,6 +291,13 @@ long WebRequest::getResponseCode() {
 }
 
 void WebRequest::handleError() { throw WebException(impl->error_buffer, nullptr); }
+
+void refuseRequest(const WebRequest& request, const char* reason) {
+    // Megabytes of URL make no log line.
+    const bool urlTooLong = request.url.size() > webclient::kMaxOptionText;
+    WC_LOG_ERROR("[%s] %s: not sent", urlTooLong ? "..." : request.getPrintableUrl().c_str(), reason);
+    throw WebException(reason, nullptr);
+}
 
 void failSetup(WebRequest& request, CURLcode code) {
     char* text = request.impl->error_buffer;

@@ -36,6 +36,10 @@ struct WebRequest::impl {
 // points libcurl's error text at the request. The request holds the handle.
 void takeCleanHandle(WebRequest& request);
 
+// Logs that the request is not sent and why, and throws WebException with
+// `reason`.
+[[noreturn]] void refuseRequest(const WebRequest& request, const char* reason);
+
 // Throws the set-up's WebException for a libcurl call that failed with
 // `code`. libcurl writes no error text when it refuses an option (a string
 // over its 8 MB limit, for one): the exception then carries the code's text.

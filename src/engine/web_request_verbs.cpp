@@ -32,11 +32,14 @@ void startAfresh(WebRequest& request) {
 }
 
 // Steps before the verb's own options. False when the request has no easy
-// handle: then nothing is configured or started.
-bool prepare(WebRequest& request, const std::vector<std::string>* headers,
-             const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
+// handle: then nothing is configured or started. Credentials that cannot go
+// out are refused first, before the set-up, whose TLS part may already
+// refresh the CA bundle.
+bool prepare(WebRequest& request, const std::vector<std::string>* headers, const std::string& user,
+             const std::string& password, const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
              const CompletionCallback& onDone, const std::string* cookie = nullptr) {
     if (request.impl->curl_handle == nullptr) return false;
+    if (const char* reason = webclient::unsendableCredentials(user, password)) refuseRequest(request, reason);
     // Its options, header list and form are the transfer thread's until
     // abort(): setting them again now would race with the running transfer.
     if (request.impl->registered) {
@@ -63,15 +66,6 @@ bool prepare(WebRequest& request, const std::vector<std::string>* headers,
 struct FormFree {
     void operator()(curl_httppost* form) const { curl_formfree(form); }
 };
-
-// Checked before the set-up, whose TLS part may already refresh the CA
-// bundle; an inert request (no handle) does nothing, as for every verb.
-void refuseUnsendableCredentials(const WebRequest& request, const std::string& user, const std::string& password) {
-    const char* reason = webclient::unsendableCredentials(user, password);
-    if (request.impl->curl_handle == nullptr || reason == nullptr) return;
-    WC_LOG_ERROR("[%s] %s: not sent", request.getPrintableUrl().c_str(), reason);
-    throw WebException(reason, nullptr);
-}
 
 // Checked (the length was checked before): should libcurl still decline
 // them (no memory), the request must not go out without them.
@@ -115,8 +109,7 @@ void runGet(WebRequest& request, const std::vector<std::string>* headers, const 
             const std::string& password, const DataReceivedCallback& onData,
             const DataReceivedCallback* onHeader, const CompletionCallback& onDone,
             Reads reads = Reads::kDefault, const std::string* cookie = nullptr) {
-    refuseUnsendableCredentials(request, user, password);
-    if (!prepare(request, headers, onData, onHeader, onDone, cookie)) return;
+    if (!prepare(request, headers, user, password, onData, onHeader, onDone, cookie)) return;
     if (reads == Reads::kLarge) {
         curl_easy_setopt(request.impl->curl_handle, CURLOPT_BUFFERSIZE, kDownloadBufferBytes);
     }
@@ -128,8 +121,7 @@ void runPost(WebRequest& request, const std::vector<std::string>& headers, const
              const std::string& password, const std::string& body,
              const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
              const CompletionCallback& onDone) {
-    refuseUnsendableCredentials(request, user, password);
-    if (!prepare(request, &headers, onData, onHeader, onDone)) return;
+    if (!prepare(request, &headers, user, password, onData, onHeader, onDone)) return;
     setCheckedOption(request, CURLOPT_POST, 1L);
     setCredentials(request, user, password);
     setCheckedPost(request, body);
@@ -141,8 +133,7 @@ void runCustom(WebRequest& request, const char* method, const std::vector<std::s
                const std::string& user, const std::string& password, const std::string* body,
                const DataReceivedCallback& onData, const DataReceivedCallback* onHeader,
                const CompletionCallback& onDone) {
-    refuseUnsendableCredentials(request, user, password);
-    if (!prepare(request, &headers, onData, onHeader, onDone)) return;
+    if (!prepare(request, &headers, user, password, onData, onHeader, onDone)) return;
     setCustomMethod(request, method);
     setCredentials(request, user, password);
     if (body != nullptr) {
@@ -179,8 +170,7 @@ void runFormUpload(WebRequest& request, const std::vector<std::string>& headers,
             throw WebException("cannot build the upload form", nullptr);
         }
     }
-    refuseUnsendableCredentials(request, user, password);
-    if (!prepare(request, &headers, onData, onHeader, onDone)) return;
+    if (!prepare(request, &headers, user, password, onData, onHeader, onDone)) return;
     setCredentials(request, user, password);
     CURL* handle = request.impl->curl_handle;
     if (form) {
@@ -305,8 +295,7 @@ void WebRequest::deleteAsync(std::string const& user, std::string const& passwor
 void WebRequest::uploadAsync(std::string const& user, std::string const& password,
                              std::vector<std::string>& headers, FILE* stream,
                              DataReceivedCallback const& onData, CompletionCallback const& onDone) {
-    refuseUnsendableCredentials(*this, user, password);
-    if (!prepare(*this, &headers, onData, nullptr, onDone)) return;
+    if (!prepare(*this, &headers, user, password, onData, nullptr, onDone)) return;
     setCredentials(*this, user, password);
     if (stream != nullptr) {
         struct stat info;
