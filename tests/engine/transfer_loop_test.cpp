@@ -37,7 +37,13 @@ public:
             limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, static_cast<rlim_t>(count) + 100);
             setrlimit(RLIMIT_NOFILE, &limit);
         }
-        for (int fd = dup(STDIN_FILENO); fd >= 0 && fd < count; fd = dup(STDIN_FILENO)) taken_.push_back(fd);
+        for (int fd = dup(STDIN_FILENO); fd >= 0; fd = dup(STDIN_FILENO)) {
+            if (fd >= count) {
+                close(fd);
+                break;
+            }
+            taken_.push_back(fd);
+        }
     }
     ~OccupiedDescriptors() {
         for (int fd : taken_) close(fd);
