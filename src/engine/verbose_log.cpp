@@ -90,11 +90,13 @@ size_t maskedBracketedNameEnd(const std::string& line) {
 std::string maskVerboseLine(const std::string& line, bool requestHeader) {
     const size_t nameLength = maskedHeaderNameLength(line, requestHeader);
     if (nameLength != 0) return line.substr(0, nameLength) + " ***";
-    const size_t bracketedEnd = maskedBracketedNameEnd(line);
-    if (bracketedEnd != std::string::npos) return line.substr(0, bracketedEnd) + " ***]";
     // URLs in verbose lines always carry "://"; the scheme-less forms would
     // take a header such as "From:ops@example.com" for user and password.
-    return webclient::maskQuery(webclient::maskUserinfoPassword(line, false));
+    // A bracketed credential hides the rest of the line, and the URL
+    // masking still applies before it ("?password=x&range=[1:2]").
+    const size_t bracketedEnd = maskedBracketedNameEnd(line);
+    const std::string shown = webclient::withRangesMasked(line, webclient::urlSecretRanges(line, false), bracketedEnd);
+    return bracketedEnd == std::string::npos ? shown : shown + " ***]";
 }
 
 int logVerboseLine(CURL*, curl_infotype type, char* data, size_t size, void*) {

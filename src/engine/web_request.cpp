@@ -66,7 +66,7 @@ void takeCleanHandle(WebRequest& request) {
 }
 
 std::string get_printable_url(std::string const& url) {
-    return webclient::escapeControlBytes(webclient::maskQuery(webclient::maskUserinfoPassword(url, true)));
+    return webclient::escapeControlBytes(webclient::withRangesMasked(url, webclient::urlSecretRanges(url, true)));
 }
 
 WebRequest::WebRequest(std::string const& url, std::string const& method, bool useSsl)

@@ -324,7 +324,7 @@ TEST(Secrets, HeaderLinesInEveryVerboseFormAreMasked) {
         "h2h3 [x-auth-token: S3ntinel-t]\nh2h3 [:path: /p?password=S3ntinel-q]\nh2h3 [user-agent: kept]\n";
     logVerboseLine(nullptr, CURLINFO_TEXT, &text[0], text.size(), nullptr);
     std::string sent =
-        "GET / HTTP/1.1\r\nauthorization : Bearer S3ntinel-s\r\n Authorization: Bearer S3ntinel-l\r\n"
+        "GET /?password=S3ntinel-g&r=[1:2] HTTP/1.1\r\nauthorization : Bearer S3ntinel-s\r\n Authorization: Bearer S3ntinel-l\r\n"
         "X-Credential: S3ntinel-x\r\nX Token: S3ntinel-w\r\nX T: S3ntinel-v HTTP/1.1\r\nAccept: */*\r\n\r\n";
     logVerboseLine(nullptr, CURLINFO_HEADER_OUT, &sent[0], sent.size(), nullptr);
     std::string received = "X-Session-Id: S3ntinel-r\r\nX-Note: a\x1b[2K\rerror [18] forged\r\n";
@@ -333,7 +333,7 @@ TEST(Secrets, HeaderLinesInEveryVerboseFormAreMasked) {
     EXPECT_EQ(log.count("> authorization : ***"), 1u);
     EXPECT_EQ(log.count("> X-Credential: ***"), 1u) << "a request header may carry a secret under any name";
     EXPECT_EQ(log.count("> Accept: */*"), 1u);
-    EXPECT_EQ(log.count("> GET / HTTP/1.1"), 1u);
+    EXPECT_EQ(log.count("> GET /?password=***&r=[1: ***]"), 1u);
     EXPECT_EQ(log.count("< X-Note: a\\x1b[2K\\x0derror [18] forged"), 1u);
     EXPECT_EQ(log.count("* h2h3 [authorization: ***]"), 1u);
     EXPECT_EQ(log.count("* [HTTP/2] [1] [cookie: ***]"), 1u);
