@@ -37,9 +37,10 @@ public:
     int ExtractCa(std::string const& bundle, std::string const& output);
     void UpdateCaFile();
     // The CA file path, with a read hold on file_lock left to the caller,
-    // who gives it back with PutCaFile: once, on the same thread (a second
-    // PutCaFile releases a hold that is not there, as a second unlock of
-    // the lock would). May run a refresh first.
+    // who gives it back with PutCaFile, once. A PutCaFile while no hold is
+    // out is refused with an error line (it would leave the lock unusable);
+    // one too many while another caller holds the file gives back that
+    // caller's hold early. May run a refresh first.
     std::string GetCaFile();
     void PutCaFile();
 
@@ -64,7 +65,7 @@ public:
 
 // The handler receives the PEM path and returns 0 when the CAs were
 // installed. It runs with the trust store's locks held: it must not call
-// back into the trust store.
+// back into the trust store (registering its own successor is allowed).
 WEBCLIENT_API void registerCAhandler(CaHandler const& handler);
 WEBCLIENT_API void refreshCaBundle();
 // Refreshes unless the bundle is ready (status 2).

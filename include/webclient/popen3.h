@@ -17,7 +17,8 @@ struct popen3_streams {
     FILE* child_err;  // "r": the child's standard error
 };
 
-// Runs "/bin/sh -c command". All three fields null: no child was started.
+// Runs "/bin/sh -c command". All three fields null: no child was started
+// (a null command: errno EINVAL).
 WEBCLIENT_API struct popen3_streams popen3(const char* command);
 // Closes the streams and waits for the child: its wait status, or -1 when
 // none of the streams belongs to a known child.

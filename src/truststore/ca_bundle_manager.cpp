@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -19,6 +20,15 @@ namespace {
 
 using truststore::current_thread_id;
 
+// Read holds given out and not yet given back, over all threads (the
+// process has one trust store). A PutCaFile while there is none would
+// unlock a lock nobody holds, which leaves it unusable: every later
+// refresh would wait for ever for its write lock.
+std::atomic<long>& outstandingReadHolds() {
+    static std::atomic<long> count{0};
+    return count;
+}
+
 // False, with nothing to give back, when the hold cannot be had. The
 // thread replacing the file (its CA handler calling back) must not even try:
 // its read lock fails, and a later "release" would free its write lock.
@@ -33,12 +43,20 @@ bool takeReadHold(pthread_rwlock_t& lock) {
         print_back_trace();
         return false;
     }
+    ++outstandingReadHolds();
     ++webclient::thisThreadHolds().ca_file_holds;
     std::fprintf(stderr, "LOCK_RD gettid(): %d\n", current_thread_id());
     return true;
 }
 
 void releaseReadHold(pthread_rwlock_t& lock) {
+    long held = outstandingReadHolds().load();
+    do {
+        if (held <= 0) {
+            WC_LOG_ERROR("PutCaFile without a hold from GetCaFile; nothing released");
+            return;
+        }
+    } while (!outstandingReadHolds().compare_exchange_weak(held, held - 1));
     --webclient::thisThreadHolds().ca_file_holds;
     (void)pthread_rwlock_unlock(&lock);  // the caller's own hold
     std::fprintf(stderr, "UNLOCK gettid(): %d\n", current_thread_id());
@@ -121,7 +139,18 @@ CaBundleManager* CaBundleProvider::GetInstance() {
     return &caBundleProvider.manager;
 }
 
-void registerCAhandler(CaHandler const& handler) { CaBundleProvider::GetInstance()->ca_handler = handler; }
+// The refresh calls the handler under status_mutex, so the handler is
+// replaced under it too; the handler itself, running on the thread that
+// holds it, replaces it directly (the refresh calls a copy).
+void registerCAhandler(CaHandler const& handler) {
+    CaBundleManager* manager = CaBundleProvider::GetInstance();
+    if (webclient::thisThreadHolds().ca_file_writes > 0) {
+        manager->ca_handler = handler;
+        return;
+    }
+    truststore::Lock lock(manager->status_mutex);
+    manager->ca_handler = handler;
+}
 
 void refreshCaBundle() { CaBundleProvider::GetInstance()->UpdateCaFile(); }
 

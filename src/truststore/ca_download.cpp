@@ -150,7 +150,9 @@ void handOver(CaBundleManager& manager) {
         return;
     }
     WC_LOG_INFO("Begin to upload CAs");
-    if (manager.ca_handler(truststore_paths::kCaBundlePem) == 0) {
+    // A copy: the handler may replace itself (registerCAhandler) while it runs.
+    const CaHandler handler = manager.ca_handler;
+    if (handler(truststore_paths::kCaBundlePem) == 0) {
         manager.use_default_bundle = false;
         return;
     }

@@ -185,8 +185,9 @@ void delete_expiry_timer(CaBundleManager& manager) {
 void wrapper(int signal) {
     const int savedErrno = errno;
     const int fd = g_relayWriteFd.load(std::memory_order_relaxed);
-    // In a forked child the pipe leads to the parent's relay.
-    if (fd >= 0 && !inForkedChild()) {
+    // In a forked child the pipe leads to the parent's relay. The relay
+    // reads a zero byte as its own stop: only signal numbers go through.
+    if (fd >= 0 && signal > 0 && signal <= 0xff && !inForkedChild()) {
         const unsigned char signo = static_cast<unsigned char>(signal);
         const ssize_t written = ::write(fd, &signo, 1);
         (void)written;  // a full pipe already holds a wake-up for the relay

@@ -176,6 +176,10 @@ pid_t popen3_child_pid(const popen3_streams& streams) {
 
 extern "C" popen3_streams popen3(const char* command) {
     const popen3_streams none = {nullptr, nullptr, nullptr};
+    if (command == nullptr) {
+        errno = EINVAL;
+        return none;
+    }
     if (!ensureChildTable()) return none;
     ChildPipes pipes;
     if (!pipes.open()) return none;

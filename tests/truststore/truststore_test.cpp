@@ -213,6 +213,7 @@ TEST_F(TrustStore, DownloadedBundleIsVerifiedExtractedAndHandedOver) {
     EXPECT_TRUE(sandbox.caFileHeld());
     store.PutCaFile();
     EXPECT_FALSE(sandbox.caFileHeld());
+    store.PutCaFile();  // one too many: refused, so the next refresh can lock
 
     // A longer stale download must leave no bytes behind the new one.
     writeFileCreatingDirs(truststore_paths::kDownloadedBundle, std::string(64 * 1024, 'x'));
@@ -228,6 +229,7 @@ TEST_F(TrustStore, DownloadedBundleIsVerifiedExtractedAndHandedOver) {
     // fetches; an explicit refresh does, and hands the new file to the host.
     std::string handed;
     registerCAhandler([&](const char* path) {
+        registerCAhandler([](const char*) { return 0; });  // replaced while it runs
         handed = path + (": " + readWholeFile(path));
         return 0;
     });
