@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <ctime>
 #include <map>
 #include <memory>
@@ -25,6 +26,10 @@ public:
 
     void Lock();
     void Unlock();
+    // Lock(), or false at once when the calling thread already holds
+    // `mutex` (a request it keeps alive for the same origin and method
+    // class): Lock() would wait for ever for that thread itself.
+    bool LockUnlessHeldHere();
 
     CURL* curl_handle;        // null when curl_easy_init failed
     time_t last_used;         // creation, then each time the pool hands it out
@@ -33,6 +38,8 @@ public:
     // from `curl_handle` so they survive its replacement by a new handle.
     // Used under `mutex` only; null when libcurl could not make one.
     CURLSH* share;
+    // Who holds `mutex` (an address unique to the holding thread), or null.
+    std::atomic<const void*> holder;
 };
 
 using WebHandlePool = std::map<std::string, std::shared_ptr<WebHandle>>;

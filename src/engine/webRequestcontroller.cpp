@@ -543,11 +543,23 @@ void WebRequestManager::initBackEnd() {
     sleep(kStartupSettleSeconds);
 }
 
-void WebRequestManager::stopBackEnd() { controller->shutdown(); }
+void WebRequestManager::stopBackEnd() {
+    // The transfer thread cannot wait for itself to end.
+    if (webclient::insideTransferCallback()) {
+        WC_LOG_ERROR("stopBackEnd called inside a transfer callback: ignored");
+        return;
+    }
+    controller->shutdown();
+}
 
-void WebRequestManager::beginRequest(WebRequest* request) { controller->addRequest(request); }
+void WebRequestManager::beginRequest(WebRequest* request) {
+    if (request == nullptr) throw WebException("beginRequest without a request", nullptr);
+    if (webclient::insideTransferCallback()) refuseRequest(*request, "called inside a transfer callback");
+    controller->addRequest(request);
+}
 
 void WebRequestManager::closeRequest(WebRequest* request) {
+    if (request == nullptr) return;
     CURL* handle = request->impl->curl_handle;
     if (controller->findRequest(handle, true) == nullptr) return;
     request->impl->registered = false;

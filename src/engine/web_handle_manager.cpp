@@ -25,7 +25,8 @@ void sweepPool(WebHandlePool& pool, time_t now) {
 
 }  // namespace
 
-WebHandle::WebHandle() : curl_handle(nullptr), last_used(0), share(webclient::makeConnectionShare()) {
+WebHandle::WebHandle()
+    : curl_handle(nullptr), last_used(0), share(webclient::makeConnectionShare()), holder(nullptr) {
     pthread_mutex_init(&mutex, nullptr);
     curl_handle = curl_easy_init();
     last_used = time(nullptr);
@@ -40,11 +41,20 @@ WebHandle::~WebHandle() {
 
 void WebHandle::Lock() {
     (void)pthread_mutex_lock(&mutex);
-    ++webclient::thisThreadHolds().handle_locks;
+    webclient::ThreadHolds& holds = webclient::thisThreadHolds();
+    holder.store(&holds);
+    ++holds.handle_locks;
+}
+
+bool WebHandle::LockUnlessHeldHere() {
+    if (holder.load() == &webclient::thisThreadHolds()) return false;
+    Lock();
+    return true;
 }
 
 void WebHandle::Unlock() {
     --webclient::thisThreadHolds().handle_locks;
+    holder.store(nullptr);
     (void)pthread_mutex_unlock(&mutex);
 }
 

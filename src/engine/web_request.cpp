@@ -19,6 +19,7 @@
 #include "engine/yield_wait.h"
 #include "util/callback_barrier.h"
 #include "util/log.h"
+#include "util/thread_holds.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/exception.h"
 #include "webclient/webRequestcontroller.h"
@@ -83,12 +84,18 @@ WebRequest::WebRequest(std::string const& url, std::string const& method, bool u
     // once the pool has answered, so that nothing leaks when a copy above or
     // the pool throws: a constructor that throws gets no destructor call.
     std::unique_ptr<struct impl> made(new struct impl());
-    made->web_handle = WebHandleManager::getInstance()->GetWebHandle(url, method);
-    impl = made.release();
-    if (impl->web_handle) {
-        impl->web_handle->Lock();
-        takeCleanHandle(*this);
+    if (webclient::insideTransferCallback()) {
+        WC_LOG_ERROR("[%s] a request made inside a transfer callback is not sent", getPrintableUrl().c_str());
+    } else {
+        made->web_handle = WebHandleManager::getInstance()->GetWebHandle(url, method);
     }
+    impl = made.release();
+    if (impl->web_handle && !impl->web_handle->LockUnlessHeldHere()) {
+        WC_LOG_ERROR("[%s] this thread still keeps a request for this origin and method: not sent",
+                     getPrintableUrl().c_str());
+        impl->web_handle.reset();
+    }
+    if (impl->web_handle) takeCleanHandle(*this);
     if (impl->curl_handle == nullptr) WC_LOG_ERROR("WebRequest handle is NULL");
     if (isLocalHttpsUrl(url)) {
         use_ssl = false;
@@ -281,7 +288,13 @@ int WebRequest::wait(int timeoutMs) {
     return outcome == 0 ? 0 : 1;
 }
 
-void WebRequest::abort() { WebRequestManager::getInstance()->closeRequest(this); }
+void WebRequest::abort() {
+    if (webclient::insideTransferCallback()) {
+        WC_LOG_ERROR("[%s] abort called inside a transfer callback: ignored", getPrintableUrl().c_str());
+        throw WebException("abort called inside a transfer callback", nullptr);
+    }
+    WebRequestManager::getInstance()->closeRequest(this);
+}
 
 long WebRequest::getResponseCode() {
     long code = 0;

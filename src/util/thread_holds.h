@@ -18,6 +18,11 @@ struct ThreadHolds {
 
 ThreadHolds& thisThreadHolds() noexcept;
 
+// The transfer thread holds the multi lock while it runs a request's
+// callbacks: a request made, started or aborted there would wait for that
+// lock, or for a handle whose owner waits for this very thread.
+inline bool insideTransferCallback() noexcept { return thisThreadHolds().multi_locks > 0; }
+
 // Counts one hold for as long as it lives.
 class CountedHold {
 public:

@@ -18,6 +18,7 @@
 #include "support/server_util.h"
 #include "support/test_helpers.h"
 #include "webclient/exception.h"
+#include "webclient/webRequestcontroller.h"
 #include "webclient/web_request.h"
 
 namespace {
@@ -190,6 +191,31 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
         EXPECT_EQ(request.impl->result, CURLE_OK);
         EXPECT_EQ(log.count("[setComplete] exception late"), 1u);
     }
+    if (background()) {
+        LogCapture log;
+        // A callback that makes, starts or aborts a request, or stops the
+        // backend, would wait for the very thread it runs on: each refused.
+        WebRequest other(url("/bytes/10"), "POST", false);
+        WebRequest running(url("/bytes/10"), "GET", false);
+        std::vector<std::string> refused;
+        running.downloadAsync([&](std::shared_ptr<DataReceivedEventArgs>) {
+            WebRequest nested(url("/bytes/10"), "GET", false);  // `running`'s handle: locked by its owner
+            if (nested.impl->curl_handle == nullptr) refused.push_back("new");
+            for (const auto& call : std::vector<std::function<void()>>{
+                     [&] { WebRequestManager::getInstance()->beginRequest(&other); }, [&] { running.abort(); }}) {
+                try {
+                    call();
+                } catch (const WebException&) {
+                    refused.push_back("call");
+                }
+            }
+            WebRequestManager::getInstance()->stopBackEnd();
+        }, {});
+        ASSERT_EQ(running.wait(5000), 0);
+        EXPECT_EQ(running.impl->result, CURLE_OK);
+        EXPECT_EQ(refused, (std::vector<std::string>{"new", "call", "call"}));
+        EXPECT_EQ(log.count("stopBackEnd called inside a transfer callback: ignored"), 1u);
+    }
     // Every log line is checked for secrets: the query's password must show masked.
     EXPECT_EQ(completeGet(url("/status/200?password=hunter2")), 200) << "the origin stays usable";
 }
@@ -262,6 +288,9 @@ TEST(WebRequestPool, SameOriginRequestsRunOneAfterAnother) {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         EXPECT_FALSE(secondConstructed);
         WebRequest otherClass(target, "POST", false);  // other method class: not blocked
+        // This thread asking again would wait for itself: an inert request instead.
+        WebRequest again(target, "GET", false);
+        EXPECT_EQ(again.impl->curl_handle, nullptr);
     }
     second.join();
     EXPECT_TRUE(secondConstructed);
