@@ -103,8 +103,8 @@ inline void addUserinfoPasswordRanges(const std::string& text, bool schemeless, 
 }
 
 // The value of every password= and client_secret= field, up to the next
-// '&': a field after '?', or after '&' once a '?' has come (before it, '&'
-// belongs to a path or a password: "/a&b?password=...", "u:a&b@h").
+// '&': a field after '?' or '&' anywhere (also in a path or fragment; one
+// inside a user part masks wide, up to the field's end).
 inline void addQueryRanges(const std::string& text, MaskedRanges& ranges) {
     if (text.find('=') == std::string::npos) return;
     const std::string lower = lowerCase(text);
@@ -113,13 +113,11 @@ inline void addQueryRanges(const std::string& text, MaskedRanges& ranges) {
                      [&](const char* name) { return lower.find(name) != std::string::npos; })) {
         return;
     }
-    const size_t query = lower.find('?');
     for (size_t field = 0; field < text.size();) {
         const size_t end = std::min(lower.find('&', field), lower.size());
         for (const char* name : kNames) {
             const size_t length = std::strlen(name);
-            const bool inQuery = query != std::string::npos && field > query;
-            if (inQuery && lower.compare(field, length, name) == 0) ranges.emplace_back(field + length, end);
+            if (field > 0 && lower.compare(field, length, name) == 0) ranges.emplace_back(field + length, end);
             const std::string afterQuestionMark = std::string("?") + name;
             const auto found = std::search(lower.begin() + static_cast<long>(field), lower.begin() + static_cast<long>(end),
                                            afterQuestionMark.begin(), afterQuestionMark.end());

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "truststore/trust_locks.h"
@@ -139,17 +140,31 @@ CaBundleManager* CaBundleProvider::GetInstance() {
     return &caBundleProvider.manager;
 }
 
-// The refresh calls the handler under status_mutex, so the handler is
-// replaced under it too; the handler itself, running on the thread that
-// holds it, replaces it directly (the refresh calls a copy).
+namespace truststore {
+
+namespace {
+
+std::mutex& handlerMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+}  // namespace
+
+CaHandler currentCaHandler(const CaBundleManager& manager) {
+    std::lock_guard<std::mutex> guard(handlerMutex());
+    return manager.ca_handler;
+}
+
+void replaceCaHandler(CaBundleManager& manager, const CaHandler& handler) {
+    std::lock_guard<std::mutex> guard(handlerMutex());
+    manager.ca_handler = handler;
+}
+
+}  // namespace truststore
+
 void registerCAhandler(CaHandler const& handler) {
-    CaBundleManager* manager = CaBundleProvider::GetInstance();
-    if (webclient::thisThreadHolds().ca_file_writes > 0) {
-        manager->ca_handler = handler;
-        return;
-    }
-    truststore::Lock lock(manager->status_mutex);
-    manager->ca_handler = handler;
+    truststore::replaceCaHandler(*CaBundleProvider::GetInstance(), handler);
 }
 
 void refreshCaBundle() { CaBundleProvider::GetInstance()->UpdateCaFile(); }

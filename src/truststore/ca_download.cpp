@@ -144,14 +144,14 @@ void setStatus(CaBundleManager& manager, int status) {
 
 // Caller holds file_lock for writing and status_mutex.
 void handOver(CaBundleManager& manager) {
-    if (!manager.ca_handler) {
+    // A copy: the handler may replace itself (registerCAhandler) while it runs.
+    const CaHandler handler = truststore::currentCaHandler(manager);
+    if (!handler) {
         manager.use_default_bundle = false;
         WC_LOG_INFO("no handler to upload CAs");
         return;
     }
     WC_LOG_INFO("Begin to upload CAs");
-    // A copy: the handler may replace itself (registerCAhandler) while it runs.
-    const CaHandler handler = manager.ca_handler;
     if (handler(truststore_paths::kCaBundlePem) == 0) {
         manager.use_default_bundle = false;
         return;

@@ -43,4 +43,11 @@ void delete_expiry_timer(CaBundleManager& manager);
 // wait for a lock this thread holds (logged with the reason).
 bool refreshRefusedOnThisThread();
 
+// The host's CA handler as it is now. A copy, taken and replaced under a
+// mutex of its own that is never held across a call of the handler: the
+// handler may replace itself, and a host thread replacing it must not wait
+// for a refresh whose handler waits for that thread.
+CaHandler currentCaHandler(const CaBundleManager& manager);
+void replaceCaHandler(CaBundleManager& manager, const CaHandler& handler);
+
 }  // namespace truststore
