@@ -108,22 +108,20 @@ inline void addUserinfoPasswordRanges(const std::string& text, bool schemeless, 
 inline void addQueryRanges(const std::string& text, MaskedRanges& ranges) {
     if (text.find('=') == std::string::npos) return;
     const std::string lower = lowerCase(text);
-    static const char* const kNames[] = {"password=", "client_secret="};
-    if (std::none_of(std::begin(kNames), std::end(kNames),
-                     [&](const char* name) { return lower.find(name) != std::string::npos; })) {
+    // Each name with the '?' that may come before it.
+    static const char* const kKeys[] = {"?password=", "?client_secret="};
+    if (std::none_of(std::begin(kKeys), std::end(kKeys),
+                     [&](const char* key) { return lower.find(key + 1) != std::string::npos; })) {
         return;
     }
     for (size_t field = 0; field < text.size();) {
         const size_t end = std::min(lower.find('&', field), lower.size());
-        for (const char* name : kNames) {
-            const size_t length = std::strlen(name);
-            if (field > 0 && lower.compare(field, length, name) == 0) ranges.emplace_back(field + length, end);
-            const std::string afterQuestionMark = std::string("?") + name;
-            const auto found = std::search(lower.begin() + static_cast<long>(field), lower.begin() + static_cast<long>(end),
-                                           afterQuestionMark.begin(), afterQuestionMark.end());
-            if (found != lower.begin() + static_cast<long>(end)) {
-                ranges.emplace_back(static_cast<size_t>(found - lower.begin()) + length + 1, end);
-            }
+        const auto fieldEnd = lower.begin() + static_cast<long>(end);
+        for (const char* key : kKeys) {
+            const size_t length = std::strlen(key);
+            if (field > 0 && lower.compare(field, length - 1, key + 1) == 0) ranges.emplace_back(field + length - 1, end);
+            const auto found = std::search(lower.begin() + static_cast<long>(field), fieldEnd, key, key + length);
+            if (found != fieldEnd) ranges.emplace_back(static_cast<size_t>(found - lower.begin()) + length, end);
         }
         field = end + 1;
     }

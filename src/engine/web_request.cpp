@@ -52,6 +52,12 @@ bool isLocalHttpsUrl(const std::string& url) {
     return url.find('@') >= authorityEnd;
 }
 
+// "[url] reason: not sent"; megabytes of URL make no log line.
+void logNotSent(const WebRequest& request, const char* reason) {
+    const bool urlTooLong = request.url.size() > webclient::kMaxOptionText;
+    WC_LOG_ERROR("[%s] %s: not sent", urlTooLong ? "..." : request.getPrintableUrl().c_str(), reason);
+}
+
 }  // namespace
 
 // Held locked, the pooled handle is brought to a clean state for the next
@@ -85,14 +91,13 @@ WebRequest::WebRequest(std::string const& url, std::string const& method, bool u
     // the pool throws: a constructor that throws gets no destructor call.
     std::unique_ptr<struct impl> made(new struct impl());
     if (webclient::insideTransferCallback()) {
-        WC_LOG_ERROR("[%s] a request made inside a transfer callback is not sent", getPrintableUrl().c_str());
+        logNotSent(*this, "made inside a transfer callback");
     } else {
         made->web_handle = WebHandleManager::getInstance()->GetWebHandle(url, method);
     }
     impl = made.release();
     if (impl->web_handle && !impl->web_handle->LockUnlessHeldHere()) {
-        WC_LOG_ERROR("[%s] this thread still keeps a request for this origin and method: not sent",
-                     getPrintableUrl().c_str());
+        logNotSent(*this, "this thread still keeps a request for this origin and method");
         impl->web_handle.reset();
     }
     if (impl->web_handle) takeCleanHandle(*this);
@@ -306,9 +311,7 @@ long WebRequest::getResponseCode() {
 void WebRequest::handleError() { throw WebException(impl->error_buffer, nullptr); }
 
 void refuseRequest(const WebRequest& request, const char* reason) {
-    // Megabytes of URL make no log line.
-    const bool urlTooLong = request.url.size() > webclient::kMaxOptionText;
-    WC_LOG_ERROR("[%s] %s: not sent", urlTooLong ? "..." : request.getPrintableUrl().c_str(), reason);
+    logNotSent(request, reason);
     throw WebException(reason, nullptr);
 }
 

@@ -169,7 +169,7 @@ const char* reasonNotToRefresh() {
     const webclient::ThreadHolds& holds = webclient::thisThreadHolds();
     if (holds.ca_file_writes > 0) return "called while this thread replaces the CA file";
     if (holds.ca_file_holds > 0) return "this thread still holds the CA file";
-    if (holds.multi_locks > 0) return "called inside a transfer callback";
+    if (webclient::insideTransferCallback()) return "called inside a transfer callback";
     return nullptr;
 }
 
