@@ -18,6 +18,7 @@
 #include "engine/web_request_impl.h"
 #include "engine/yield_wait.h"
 #include "util/callback_barrier.h"
+#include "util/lock_guard.h"
 #include "util/log.h"
 #include "util/thread_holds.h"
 #include "webclient/ca_bundle.h"
@@ -254,9 +255,28 @@ void WebRequest::setComplete() {
     pthread_cond_signal(&cond);
 }
 
+namespace {
+
+// The transfer thread finishes requests only between callbacks: a wait in one
+// of its callbacks could only run to its deadline with every transfer frozen.
+int refuseWaitInsideTransferCallback(WebRequest& request) {
+    bool done = false;
+    {
+        utilities::lock::lock_guard guard(&request.mutex);
+        done = request.completed;
+    }
+    if (done) return 0;
+    WC_LOG_ERROR("[%s]WebRequest::wait inside a transfer callback: not waiting, the transfer cannot end meanwhile",
+                 request.getPrintableUrl().c_str());
+    return 1;
+}
+
+}  // namespace
+
 int WebRequest::wait(int timeoutMs) {
     if (kpu_utilities::string_con::IsDomainInUrl(url)) return 0;
     if (impl->curl_handle == nullptr) return 0;
+    if (webclient::insideTransferCallback()) return refuseWaitInsideTransferCallback(*this);
     struct timeval now;
     gettimeofday(&now, nullptr);
     // Whole seconds only: the millisecond remainder of the limit is dropped.

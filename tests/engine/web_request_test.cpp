@@ -193,8 +193,9 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
     }
     if (background()) {
         LogCapture log;
-        // A callback that makes, starts or aborts a request, or stops the
-        // backend, would wait for the very thread it runs on: each refused.
+        // A callback that makes, starts, aborts or waits for a request, or
+        // stops the backend, would wait for the very thread it runs on: each
+        // refused.
         WebRequest other(url("/bytes/10"), "POST", false);
         WebRequest running(url("/bytes/10"), "GET", false);
         std::vector<std::string> refused;
@@ -210,11 +211,13 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
                 }
             }
             WebRequestManager::getInstance()->stopBackEnd();
+            if (running.wait(600000) == 1) refused.push_back("wait");
         }, {});
         ASSERT_EQ(running.wait(5000), 0);
         EXPECT_EQ(running.impl->result, CURLE_OK);
-        EXPECT_EQ(refused, (std::vector<std::string>{"new", "call", "call"}));
+        EXPECT_EQ(refused, (std::vector<std::string>{"new", "call", "call", "wait"}));
         EXPECT_EQ(log.count("stopBackEnd called inside a transfer callback: ignored"), 1u);
+        EXPECT_EQ(log.countContaining("WebRequest::wait inside a transfer callback: not waiting"), 1u);
     }
     // Every log line is checked for secrets: the query's password must show masked.
     EXPECT_EQ(completeGet(url("/status/200?password=hunter2")), 200) << "the origin stays usable";
