@@ -102,26 +102,36 @@ inline void addUserinfoPasswordRanges(const std::string& text, bool schemeless, 
     }
 }
 
+// Where field `name` starts in [field, end): at the field's start when a
+// '&' came before it, or after a '?' or ';' anywhere in it; npos if not.
+inline size_t namedFieldStart(const std::string& lower, const char* name, size_t field, size_t end) {
+    const auto last = lower.begin() + static_cast<long>(end);
+    const size_t length = std::strlen(name);
+    for (auto from = lower.begin() + static_cast<long>(field);; ++from) {
+        from = std::search(from, last, name, name + length);
+        if (from == last) return std::string::npos;
+        const size_t at = static_cast<size_t>(from - lower.begin());
+        if (at == field ? field > 0 : lower[at - 1] == '?' || lower[at - 1] == ';') return at;
+    }
+}
+
 // The value of every password= and client_secret= field, up to the next
-// '&': a field after '?' or '&' anywhere (also in a path or fragment; one
-// inside a user part masks wide, up to the field's end).
+// '&': a field after '?', '&' or ';' anywhere (also in a path or fragment;
+// one inside a user part masks wide, up to the field's end). Only '&' ends
+// a value: a ';' inside one never shows the rest of it.
 inline void addQueryRanges(const std::string& text, MaskedRanges& ranges) {
     if (text.find('=') == std::string::npos) return;
     const std::string lower = lowerCase(text);
-    // Each name with the '?' that may come before it.
-    static const char* const kKeys[] = {"?password=", "?client_secret="};
-    if (std::none_of(std::begin(kKeys), std::end(kKeys),
-                     [&](const char* key) { return lower.find(key + 1) != std::string::npos; })) {
+    static const char* const kNames[] = {"password=", "client_secret="};
+    if (std::none_of(std::begin(kNames), std::end(kNames),
+                     [&](const char* name) { return lower.find(name) != std::string::npos; })) {
         return;
     }
     for (size_t field = 0; field < text.size();) {
         const size_t end = std::min(lower.find('&', field), lower.size());
-        const auto fieldEnd = lower.begin() + static_cast<long>(end);
-        for (const char* key : kKeys) {
-            const size_t length = std::strlen(key);
-            if (field > 0 && lower.compare(field, length - 1, key + 1) == 0) ranges.emplace_back(field + length - 1, end);
-            const auto found = std::search(lower.begin() + static_cast<long>(field), fieldEnd, key, key + length);
-            if (found != fieldEnd) ranges.emplace_back(static_cast<size_t>(found - lower.begin()) + length, end);
+        for (const char* name : kNames) {
+            const size_t at = namedFieldStart(lower, name, field, end);
+            if (at != std::string::npos) ranges.emplace_back(at + std::strlen(name), end);
         }
         field = end + 1;
     }

@@ -39,6 +39,7 @@ TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
         {"https://h/cb#a=1&password=s3", "https://h/cb#a=1&password=***"},
         {"https://h/a&client_secret=s3?x=1", "https://h/a&client_secret=***"},
         {"http://user:/secret@h/", "http://user:***@h/"},
+        {"https://h/p?a=1;password=s3;cr&b=2;Client_Secret=c", "https://h/p?a=1;password=***&b=2;Client_Secret=***"},
         // Nothing to mask.
         {"https://h/p?a=1&b=2", nullptr},
         {"https://h/password=x", nullptr},
