@@ -31,7 +31,7 @@ public:
     // class): Lock() would wait for ever for that thread itself.
     bool LockUnlessHeldHere();
 
-    CURL* curl_handle;        // null when curl_easy_init failed
+    CURL* curl_handle;        // null when curl_easy_init failed, or between caller's-thread transfers
     time_t last_used;         // creation, then each time the pool hands it out
     pthread_mutex_t mutex;    // held by the one request using the handle
     // Connections and DNS answers of caller's-thread transfers, kept apart

@@ -59,13 +59,26 @@ void logNotSent(const WebRequest& request, const char* reason) {
     WC_LOG_ERROR("[%s] %s: not sent", urlTooLong ? "..." : request.getPrintableUrl().c_str(), reason);
 }
 
+// An easy handle that ran curl_easy_perform keeps a multi handle of its
+// own, with a socket pair, until it is cleaned up: pooled for up to 900 s,
+// that made two descriptors for every domain name used in that time. The
+// origin's connection stays in its share; the next request makes a handle.
+void dropDirectPathHandle(WebRequest& request) {
+    if (!kpu_utilities::string_con::IsDomainInUrl(request.url)) return;
+    CURL*& pooled = request.impl->web_handle->curl_handle;
+    curl_easy_cleanup(pooled);
+    pooled = nullptr;
+    request.impl->curl_handle = nullptr;
+}
+
 }  // namespace
 
 // Held locked, the pooled handle is brought to a clean state for the next
-// transfer: reset, or new where libcurl cannot safely reuse one.
+// transfer: reset, or new where libcurl cannot safely reuse one (or the
+// last one was dropped).
 void takeCleanHandle(WebRequest& request) {
     CURL*& pooled = request.impl->web_handle->curl_handle;
-    pooled = webclient::handleForNextTransfer(pooled);
+    pooled = pooled == nullptr ? curl_easy_init() : webclient::handleForNextTransfer(pooled);
     request.impl->curl_handle = pooled;
     if (pooled == nullptr) return;
     memset_s_helper(request.impl->error_buffer, sizeof request.impl->error_buffer, 0,
@@ -116,7 +129,10 @@ WebRequest::~WebRequest() {
         // Already logged by the backend ("curl_multi_remove_handle error");
         // a destructor must not throw, and the handle is released below.
     }
-    if (impl->web_handle) impl->web_handle->Unlock();
+    if (impl->web_handle) {
+        dropDirectPathHandle(*this);
+        impl->web_handle->Unlock();
+    }
     if (impl->form_post != nullptr) curl_formfree(impl->form_post);
     if (header_list != nullptr) curl_slist_free_all(header_list);
     if (impl->holds_ca_file) CaBundleProvider::GetInstance()->PutCaFile();

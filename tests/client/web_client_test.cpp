@@ -12,6 +12,22 @@
 #include "support/test_helpers.h"
 #include "webclient/web_client.h"
 
+namespace {
+
+// Unix-domain sockets open in this process (libcurl's wake-up pairs).
+size_t localSockets() {
+    size_t count = 0;
+    for (const auto& open : openDescriptors()) {
+        sockaddr_storage address{};
+        socklen_t length = sizeof address;
+        const bool named = getsockname(open.first, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+        count += named && address.ss_family == AF_UNIX;
+    }
+    return count;
+}
+
+}  // namespace
+
 class BlockingVerbs : public ::testing::TestWithParam<const char*> {
 protected:
     TestServer server;
@@ -54,6 +70,15 @@ TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
     }
     ASSERT_NE(kept, -1) << "the kept connection's descriptor";
     EXPECT_NE(fcntl(kept, F_GETFD) & FD_CLOEXEC, 0);
+    // Between requests an idle origin keeps no more than that connection, no
+    // socket pair of libcurl's: ten more (the user name is part of the pool's
+    // key) add none.
+    const size_t pairs = localSockets();
+    for (int user = 0; user < 10; ++user) {
+        client.get(url("/echo").insert(7, "u" + std::to_string(user) + "@"), none, response, error, false);
+        ASSERT_EQ(lastRequest(server).path, "/echo");
+    }
+    EXPECT_EQ(localSockets(), pairs);
 }
 
 // libcurl takes C strings: a NUL would send the text before it as if it
