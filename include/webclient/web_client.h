@@ -2,7 +2,9 @@
 // matching asynchronous verb, waits with a per-verb limit and classifies the
 // libcurl result; a call with useSsl true that fails on certificate grounds
 // refreshes the CA bundle and tries once more. Transfer failures come back
-// as error text and status codes, never as exceptions.
+// as error text and status codes; a request that cannot be set up or handed
+// to the transfer thread (a refused header line, a race with stopBackEnd)
+// throws WebException.
 //
 // A client holds no mutable state: threads may share one. A verb blocks its
 // thread; with useSsl it may also run a CA-bundle refresh on that thread, so
