@@ -27,9 +27,12 @@ output=$3
 [ -r "$bundle" ] || fail "cannot read trust bundle $bundle"
 
 outdir=$(dirname -- "$output")
-tmp=$(mktemp "$outdir/.ca-bundle.XXXXXX" </dev/null) || fail "cannot create a temporary file in $outdir"
-trap 'rm -f "$tmp"' EXIT
+# The clean-up is in place before the temporary file exists: a signal that
+# came between the two would leave the file in the CA directory for good.
+tmp=
+trap '[ -z "$tmp" ] || rm -f "$tmp"' EXIT
 trap 'exit 1' HUP INT TERM
+tmp=$(mktemp "$outdir/.ca-bundle.XXXXXX" </dev/null) || fail "cannot create a temporary file in $outdir"
 
 # Only ROOT_SIGNING_CERT is trusted: the default CA file, directory and
 # store are switched off, so a bundle signed by an ordinary web CA fails.
