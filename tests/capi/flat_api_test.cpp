@@ -77,8 +77,10 @@ TEST_P(FlatFunctions, GetVariantsReportStatusHeaderTextAndCookie) {
     // lines, or a whole request: nothing goes out.
     const size_t seenBefore = server.requests().size();
     const char* smuggling[] = {"X-A: 1\r\n\r\nGET /smuggled HTTP/1.1", nullptr};
+    const char* bareReturn[] = {"X-A: 1\rX-B: 2", nullptr};  // some servers end a line there
     code = -1;
     Owned refused(webClientGet_ex2(url("/echo").c_str(), nullptr, nullptr, nullptr, smuggling, &code, false));
+    Owned refusedReturn(webClientGet_ex2(url("/echo").c_str(), nullptr, nullptr, nullptr, bareReturn, &code, false));
     Owned refusedCookie(webClientGet_ex2(url("/echo").c_str(), nullptr, nullptr, "a=1\nX-B: 2", nullptr, &code, false));
     EXPECT_EQ(server.requests().size(), seenBefore);
     EXPECT_EQ(refused.text, nullptr);
@@ -149,6 +151,7 @@ TEST_P(FlatFunctions, DownloadsWriteTheFileAndReportStatus) {
               -1);
     EXPECT_EQ(error, "untouched");
     EXPECT_EQ(log.count("[webClientDownloa] failed to open file /nonexistent-dir/f"), 1u);
+    EXPECT_EQ(webClientDownload(url("/bytes/1").c_str(), nullptr, nullptr, nullptr, "/nonexistent-dir/f", false), -1);
     EXPECT_EQ(webClientDownload(nullptr, nullptr, nullptr, nullptr, out.path().c_str(), false), -1);
     EXPECT_EQ(log.count("[webClientDownload] invalid argument!"), 1u);
 }

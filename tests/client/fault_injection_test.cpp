@@ -84,14 +84,16 @@ TEST_P(Faults, EachFaultIsReportedOnceAndTheOriginRecovers) {
     }
 }
 
-TEST(Faults, RefusedConnectionAndRedirectLoopEndWithAnError) {
+TEST(Faults, RefusedConnectionOtherSchemeAndRedirectLoopEndWithAnError) {
     LogCapture log;
     EXPECT_FALSE(get("http://127.0.0.1:1/").error.empty());
+    EXPECT_FALSE(get("file://localhost/etc/hostname").error.empty()) << "HTTP and HTTPS only";
     TestServer server("127.0.0.1", [](httplib::Server& s) {
         s.Get("/loop", [](const httplib::Request&, httplib::Response& res) { res.set_redirect("/loop"); });
     });
     for (const char* host : {"127.0.0.1", "localhost"}) EXPECT_FALSE(get(server.url(host, "/loop")).error.empty());
     EXPECT_EQ(log.count("CheckStatus curl error : 7"), 1u);
+    EXPECT_EQ(log.count("CheckStatus curl error : 1"), 1u);
     EXPECT_EQ(log.count("CheckStatus curl error : 47"), 2u) << "libcurl 7.88 sets no limit of its own";
 }
 

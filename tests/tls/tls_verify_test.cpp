@@ -105,6 +105,9 @@ TEST_F(Tls, DataDirectoryRootIsTrustedAndLocalEndpointIsNotVerified) {
     request.getAsync(noHeaders, ignore, {});
     request.wait(10000);
     EXPECT_EQ(request.impl->result, CURLE_PEER_FAILED_VERIFICATION);
+    for (const char* lookalike : {"https://127.0.0.1.example/", "https://127.0.0.10/"}) {
+        EXPECT_TRUE(WebRequest(lookalike, "GET", true).use_ssl) << lookalike;
+    }
 }
 
 TEST_F(Tls, SecureRequestHoldsTheCaFileUntilDestroyed) {
@@ -232,12 +235,7 @@ TEST_F(Tls, SecureRequestFromTheCaHandlerFailsAndLeavesTheLockIntact) {
 
 TEST_P(TlsVerify, FirstAttemptFailsThenRefreshedBundleVerifies) {
     const std::string host = GetParam();
-    TestServer server(pki.tls("server"), host == "localhost" ? "127.0.0.1" : host);
-    // The first refresh (run by the first attempt's TLS set-up, as there is
-    // no CA file) installs a bundle without our root; the handler then swaps
-    // in the good bundle for the refresh that the failed attempt asks for.
-    sandbox.store().ca_file.clear();
-    sandbox.serveBundle(sandbox.makeBundle({pki.file("other_ca.pem")}));
+    const std::string otherBundle = sandbox.makeBundle({pki.file("other_ca.pem")});
     const std::string goodBundle = sandbox.makeBundle({pki.file("other_ca.pem"), pki.file("ca.pem")});
     std::atomic<int> handled{0};
     registerCAhandler([&](const char*) {
@@ -245,14 +243,31 @@ TEST_P(TlsVerify, FirstAttemptFailsThenRefreshedBundleVerifies) {
         return 0;
     });
     WebClient client;
-    std::string response = "stale", error;
-    int code = 0;
-    client.get(server.url(host, "/echo"), "u", "p", noHeaders, response, &code, error, true);
-    EXPECT_EQ(code, 200);
-    EXPECT_EQ(response.rfind("GET /echo", 0), 0u) << "only the second attempt's body";
-    EXPECT_FALSE(error.empty()) << "the first attempt's error text stays";
-    EXPECT_EQ(handled, 2);
-    EXPECT_EQ(sandbox.status(), 2);
+    for (const bool streamed : {false, true}) {
+        // The first refresh (run by the first attempt's TLS set-up, as there
+        // is no CA file) installs a bundle without our root; the handler then
+        // swaps in the good bundle for the refresh the failed attempt asks for.
+        TestServer server(pki.tls("server"), host == "localhost" ? "127.0.0.1" : host);
+        sandbox.store().ca_file.clear();
+        sandbox.serveBundle(otherBundle);
+        handled = 0;
+        std::string response = "stale", error;
+        int code = 0;
+        if (streamed) {
+            TempFile out;
+            download_param param;
+            param.url = server.url(host, "/echo");
+            error = client.downloadStream(&param, openForWriting(out.path()), &code, true);
+            response = readWholeFile(out.path());
+        } else {
+            client.get(server.url(host, "/echo"), "u", "p", noHeaders, response, &code, error, true);
+        }
+        EXPECT_EQ(code, 200) << streamed;
+        EXPECT_EQ(response.rfind("GET /echo", 0), 0u) << "only the second attempt's body";
+        EXPECT_FALSE(error.empty()) << "the first attempt's error text stays";
+        EXPECT_EQ(handled, 2) << streamed;
+        EXPECT_EQ(sandbox.status(), 2);
+    }
 }
 
 // A kept connection was verified against the CA file as it was then. Once
@@ -327,7 +342,7 @@ TEST(Secrets, HeaderLinesInEveryVerboseFormAreMasked) {
         "GET /?password=S3ntinel-g&r=[1:2] HTTP/1.1\r\nauthorization : Bearer S3ntinel-s\r\n Authorization: Bearer S3ntinel-l\r\n"
         "X-Credential: S3ntinel-x\r\nX Token: S3ntinel-w\r\nX T: S3ntinel-v HTTP/1.1\r\nAccept: */*\r\n\r\n";
     logVerboseLine(nullptr, CURLINFO_HEADER_OUT, &sent[0], sent.size(), nullptr);
-    std::string received = "X-Session-Id: S3ntinel-r\r\nX-Note: a\x1b[2K\rerror [18] forged\r\n";
+    std::string received = "Set-Cookie: sid=S3ntinel-k\r\nX-Session-Id: S3ntinel-r\r\nX-Note: a\x1b[2K\rerror [18] forged\r\n";
     logVerboseLine(nullptr, CURLINFO_HEADER_IN, &received[0], received.size(), nullptr);
     EXPECT_EQ(log.countContaining("S3ntinel"), 0u);
     EXPECT_EQ(log.count("> authorization : ***"), 1u);

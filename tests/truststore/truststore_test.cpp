@@ -242,13 +242,16 @@ TEST_F(TrustStore, DownloadedBundleIsVerifiedExtractedAndHandedOver) {
     EXPECT_EQ(handed, kCaBundlePem + (": " + caPem));
     EXPECT_EQ(sandbox.status(), 2);
 
-    // A handler that throws fails the refresh like one that reports a
-    // failure; nothing reaches the caller, and the failure is retried.
+    // A handler that reports a failure fails the refresh, and so does one
+    // that throws; nothing reaches the caller, and the failure is retried.
+    registerCAhandler([](const char*) { return 1; });
+    refreshCaBundle();
+    EXPECT_EQ(sandbox.status(), 3);
     registerCAhandler([](const char*) -> int { throw std::runtime_error("switch unreachable"); });
     EXPECT_NO_THROW(refreshCaBundle());
     EXPECT_EQ(sandbox.status(), 3);
     refreshCaBundleOnFailure();
-    EXPECT_EQ(sandbox.downloadsSeen(), 4);
+    EXPECT_EQ(sandbox.downloadsSeen(), 5);
 }
 
 TEST_F(TrustStore, RejectedBundlesKeepThePreviousCaFile) {
@@ -291,6 +294,7 @@ TEST_F(TrustStore, RejectedBundlesKeepThePreviousCaFile) {
 }
 
 TEST_F(TrustStore, TheShippedBundleServesOnlyUntilAFirstHandOver) {
+    registerCAhandler([](const char*) { return 0; });  // a hand-over counts with or without one
     const std::string otherCaPem = readWholeFile(TestPki::instance().file("other_ca.pem"));
     writeFileCreatingDirs(truststore_paths::kShippedBundle,
                           TrustStoreSandbox::makeBundle({TestPki::instance().file("other_ca.pem")}));
