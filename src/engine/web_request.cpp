@@ -255,6 +255,10 @@ void WebRequest::setComplete() {
     // A throwing completion callback must not keep the owner waiting for
     // its deadline, nor end the transfer thread.
     if (impl->on_complete) {
+        {
+            utilities::lock::lock_guard guard(&mutex);
+            impl->transfer_ended = true;
+        }
         (void)webclient::resultOrOnException("setComplete", false, [this] {
             impl->on_complete();
             return true;
@@ -279,7 +283,7 @@ int refuseWaitInsideTransferCallback(WebRequest& request) {
     bool done = false;
     {
         utilities::lock::lock_guard guard(&request.mutex);
-        done = request.completed;
+        done = request.completed || request.impl->transfer_ended;
     }
     if (done) return 0;
     WC_LOG_ERROR("[%s]WebRequest::wait inside a transfer callback: not waiting, the transfer cannot end meanwhile",

@@ -30,6 +30,10 @@ struct WebRequest::impl {
     // True once a verb has set options on the handle: another verb then
     // starts from a clean handle instead of inheriting them.
     bool used = false;
+    // Set under `mutex` when the transfer has ended, before on_complete
+    // runs (`completed` follows it): a wait() made inside on_complete need
+    // not wait.
+    bool transfer_ended = false;
 };
 
 // Resets (or renews) the request's pooled handle for its next transfer and

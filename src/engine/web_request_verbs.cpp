@@ -29,6 +29,7 @@ void startAfresh(WebRequest& request) {
     request.content_length = -1.0;
     utilities::lock::lock_guard guard(&request.mutex);
     request.completed = false;
+    request.impl->transfer_ended = false;
 }
 
 // Steps before the verb's own options. False when the request has no easy

@@ -202,6 +202,7 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
         WebRequest other(url("/bytes/10"), "POST", false);
         WebRequest running(url("/bytes/10"), "GET", false);
         std::vector<std::string> refused;
+        int waitInCompletion = -1;
         running.downloadAsync([&](std::shared_ptr<DataReceivedEventArgs>) {
             WebRequest nested(url("/bytes/10"), "GET", false);  // `running`'s handle: locked by its owner
             if (nested.impl->curl_handle == nullptr) refused.push_back("new");
@@ -215,10 +216,11 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
             }
             WebRequestManager::getInstance()->stopBackEnd();
             if (running.wait(600000) == 1) refused.push_back("wait");
-        }, {});
+        }, [&] { waitInCompletion = running.wait(600000); });
         ASSERT_EQ(running.wait(5000), 0);
         EXPECT_EQ(running.impl->result, CURLE_OK);
         EXPECT_EQ(refused, (std::vector<std::string>{"new", "call", "call", "wait"}));
+        EXPECT_EQ(waitInCompletion, 0) << "in its completion callback the transfer has ended";
         EXPECT_EQ(log.count("stopBackEnd called inside a transfer callback: ignored"), 1u);
         EXPECT_EQ(log.countContaining("WebRequest::wait inside a transfer callback: not waiting"), 1u);
     }
