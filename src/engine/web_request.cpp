@@ -64,7 +64,7 @@ void logNotSent(const WebRequest& request, const char* reason) {
 // that made two descriptors for every domain name used in that time. The
 // origin's connection stays in its share; the next request makes a handle.
 void dropDirectPathHandle(WebRequest& request) {
-    if (!kpu_utilities::string_con::IsDomainInUrl(request.url)) return;
+    if (!request.impl->performed_here) return;
     CURL*& pooled = request.impl->web_handle->curl_handle;
     curl_easy_cleanup(pooled);
     pooled = nullptr;
@@ -369,6 +369,7 @@ void WebRequest::EasyWebRequestPerform(void* handle) {
     if (impl->web_handle && impl->web_handle->share != nullptr) {
         curl_easy_setopt(static_cast<CURL*>(handle), CURLOPT_SHARE, impl->web_handle->share);
     }
+    impl->performed_here = true;
     impl->result = curl_easy_perform(static_cast<CURL*>(handle));
     if (impl->result == CURLE_OK) return;
     WC_LOG_ERROR("[%s] Failed to execute easy web request %s, error code: %d", kTag,

@@ -34,6 +34,9 @@ struct WebRequest::impl {
     // runs (`completed` follows it): a wait() made inside on_complete need
     // not wait.
     bool transfer_ended = false;
+    // True once curl_easy_perform has run on the handle (the caller's-thread
+    // path): the handle then keeps a socket pair until it is cleaned up.
+    bool performed_here = false;
 };
 
 // Resets (or renews) the request's pooled handle for its next transfer and
