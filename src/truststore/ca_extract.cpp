@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <initializer_list>
 #include <string>
 
@@ -171,6 +172,21 @@ bool collectUntilExit(pid_t pid, StreamReader& out, StreamReader& err, Clock::ti
 // SIGTERM before it is killed.
 constexpr int kTerminateGraceMs = 1000;
 
+// The shipped script makes its temporary file as ".ca-bundle.XXXXXX" beside
+// the CA file and removes it when asked to end; a script killed after the
+// grace period, or whose mktemp was ended between making the file and
+// naming it, leaves it on the flash for good. Extractions run one at a time
+// (under the CA file's write lock), so such a file is always a leftover.
+void removeLeftoverTemporaryFiles(std::string const& output) {
+    namespace fs = std::filesystem;
+    std::error_code listing;
+    for (fs::directory_iterator entry(fs::path(output).parent_path(), listing), end; !listing && entry != end;
+         entry.increment(listing)) {
+        std::error_code ignored;
+        if (entry->path().filename().string().rfind(".ca-bundle.", 0) == 0) fs::remove(entry->path(), ignored);
+    }
+}
+
 std::string extractCommand(std::string const& bundle, std::string const& output) {
     return std::string(truststore_paths::kExtractScript) + " " + truststore_paths::kRootSigningCert + " " +
            bundle + " " + output;
@@ -201,6 +217,7 @@ int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& out
 
     const int status = pclose3(streams);
     (void)print_exit_code(status);
+    if (!finished) removeLeftoverTemporaryFiles(output);
     // A success pclose3 could not see for itself needs the seen exit; an
     // unknown verdict is no verification.
     if (finished && status == 0 && !(seenExit.seen && seenExit.status == 0)) {

@@ -118,11 +118,13 @@ TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
         // Far more on stderr than a pipe holds before stdout ends: read one
         // stream after the other, this stalls until the time limit kills it.
         floodOf(2000, 2) + "echo first out\n" + floodOf(2000, 1) + "exit 1",
-        "trap '' TERM\nexec sleep 600",  // deaf to being asked: killed a second later
+        // Deaf to being asked: killed a second later, its temporary file
+        // removed for it.
+        "trap '' TERM\n: > \"${3%/*}/.ca-bundle.deaf\"\nexec sleep 600",
         "exec >&- 2>&-\nexec sleep 600",  // both outputs end long before it does
-        "sleep 600 &\nwait",  // the shell's own child must go with it
-        // The real script with openssl hung: it must get the chance to
-        // remove its temporary file from the CA directory.
+        // Asked to end before it is killed; the shell's own child must go with it.
+        "trap ': > \"${3%/*}/asked\"; exit 1' TERM\nsleep 600 &\nwait",
+        // The real script with openssl hung: its temporary file must go.
         "openssl() { sleep 600; }\n" + readWholeFile(std::string(WEBCLIENT_SOURCE_DIR) + "/tools/extract_ca_bundle.sh"),
     };
     // Orphans come to this process, so none can escape notice.
@@ -139,6 +141,7 @@ TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
         EXPECT_TRUE(eventually(noChildren)) << script;
     }
     EXPECT_EQ(log.countContaining("still running after 5000 ms, killed"), 4u) << "the hung ones only";
+    EXPECT_TRUE(fs::exists(fs::path(kCaBundlePem).parent_path() / "asked"));
     for (const auto& entry : fs::directory_iterator(fs::path(kCaBundlePem).parent_path())) {
         EXPECT_EQ(entry.path().filename().string().rfind(".ca-bundle.", 0), std::string::npos) << entry.path();
     }
