@@ -10,7 +10,7 @@ bool reusedHandlesKeepStaleHeader() {
 }
 
 CURL* handleForNextTransfer(CURL* handle, bool replace) {
-    if (handle == nullptr) return nullptr;
+    if (handle == nullptr) return curl_easy_init();
     if (CURL* fresh = replace ? curl_easy_init() : nullptr) {
         curl_easy_cleanup(handle);
         return fresh;

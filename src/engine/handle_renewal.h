@@ -15,7 +15,9 @@ bool reusedHandlesKeepStaleHeader();
 // The handle to use for the next transfer, carrying no option of an earlier
 // one (credentials, a cookie, a method, a body pointer the caller may have
 // freed since): with `replace`, a new handle (and `handle` is cleaned up);
-// otherwise, or when libcurl cannot make a new one, `handle` reset.
+// otherwise, or when libcurl cannot make a new one, `handle` reset. No
+// handle (dropped after its last transfer, or never made) gets a new one;
+// null only when libcurl cannot make one.
 CURL* handleForNextTransfer(CURL* handle, bool replace = reusedHandlesKeepStaleHeader());
 
 // A share for the caller's-thread path, so that its connections and DNS

@@ -78,7 +78,7 @@ void dropDirectPathHandle(WebRequest& request) {
 // last one was dropped).
 void takeCleanHandle(WebRequest& request) {
     CURL*& pooled = request.impl->web_handle->curl_handle;
-    pooled = pooled == nullptr ? curl_easy_init() : webclient::handleForNextTransfer(pooled);
+    pooled = webclient::handleForNextTransfer(pooled);
     request.impl->curl_handle = pooled;
     if (pooled == nullptr) return;
     memset_s_helper(request.impl->error_buffer, sizeof request.impl->error_buffer, 0,
