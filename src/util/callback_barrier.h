@@ -16,7 +16,9 @@ Result resultOrOnException(const char* where, Result fallback, Body body) noexce
     try {
         return body();
     } catch (const std::exception& error) {
-        WC_LOG_ERROR("[%s] exception %s", where, error.what());
+        // Worded apart from the verbs' "[%s] exception %s" timeout line, so a
+        // filter on one does not catch the other.
+        WC_LOG_ERROR("[%s] unexpected exception %s", where, error.what());
     } catch (...) {
         WC_LOG_ERROR("[%s] unknown exception", where);
     }

@@ -182,7 +182,7 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
         request.downloadAsync([](std::shared_ptr<DataReceivedEventArgs>) { throw std::runtime_error("no room"); }, {});
         ASSERT_EQ(request.wait(5000), 0);
         EXPECT_EQ(request.impl->result, CURLE_WRITE_ERROR);
-        EXPECT_EQ(log.count("[receiveData] exception no room"), 1u);
+        EXPECT_EQ(log.count("[receiveData] unexpected exception no room"), 1u);
     }
     if (background()) {
         // A throwing completion callback (only background transfers have
@@ -192,7 +192,7 @@ TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {
         request.getAsync(none, ignore, [] { throw std::runtime_error("late"); });
         ASSERT_EQ(request.wait(5000), 0);
         EXPECT_EQ(request.impl->result, CURLE_OK);
-        EXPECT_EQ(log.count("[setComplete] exception late"), 1u);
+        EXPECT_EQ(log.count("[setComplete] unexpected exception late"), 1u);
     }
     if (background()) {
         LogCapture log;
