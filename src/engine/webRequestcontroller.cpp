@@ -373,6 +373,7 @@ void WebRequestController::queryMessages() {
         WebRequest* request = findRequest(message->easy_handle, false);
         if (request == nullptr) continue;
         request->impl->result = message->data.result;
+        settleSeeOtherStop(*request);
         if (strnlen_s_helper(request->impl->error_buffer, CURL_ERROR_SIZE) != 0) {
             WC_LOG_ERROR("<queryMessages> error %s.", request->impl->error_buffer);
         }

@@ -233,17 +233,45 @@ int WebRequest::receiveDataInternal(const char* data, int count) {
     return count;
 }
 
+namespace {
+
+// At the blank line that ends a 303's header block, for a request that
+// stops there: the 303 is its answer (libcurl has not followed it yet).
+bool endsSeeOtherAnswer(WebRequest& request, const char* data, int count) {
+    if (request.impl->see_other_method == nullptr) return false;
+    if (!(count == 2 && data[0] == '\r' && data[1] == '\n') && !(count == 1 && data[0] == '\n')) return false;
+    long status = 0;
+    return curl_easy_getinfo(request.impl->curl_handle, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK &&
+           status == 303;
+}
+
+}  // namespace
+
 int WebRequest::receiveHeaderInternal(const char* data, int count) {
-    auto args = std::make_shared<DataReceivedEventArgs>();
-    args->data = data;
-    args->size = count;
-    args->content_length = content_length;
-    if (impl->on_header) impl->on_header(args);
-    if (args->cancel) {
-        WC_LOG_DEBUG(" receiveDataInternal cancel ");
+    if (impl->on_header) {
+        auto args = std::make_shared<DataReceivedEventArgs>();
+        args->data = data;
+        args->size = count;
+        args->content_length = content_length;
+        impl->on_header(args);
+        if (args->cancel) {
+            WC_LOG_DEBUG(" receiveDataInternal cancel ");
+            return 0;
+        }
+    }
+    if (endsSeeOtherAnswer(*this, data, count)) {
+        WC_LOG_INFO("[%s] %s answered 303: the write is done; not sending the %s again to the other location",
+                    getPrintableUrl().c_str(), impl->see_other_method, impl->see_other_method);
+        impl->stopped_at_see_other = true;
         return 0;
     }
     return count;
+}
+
+void settleSeeOtherStop(WebRequest& request) {
+    if (!request.impl->stopped_at_see_other || request.impl->result != CURLE_WRITE_ERROR) return;
+    request.impl->result = CURLE_OK;
+    request.impl->error_buffer[0] = '\0';
 }
 
 void WebRequest::setComplete() {
@@ -371,6 +399,7 @@ void WebRequest::EasyWebRequestPerform(void* handle) {
     }
     impl->performed_here = true;
     impl->result = curl_easy_perform(static_cast<CURL*>(handle));
+    settleSeeOtherStop(*this);
     if (impl->result == CURLE_OK) return;
     WC_LOG_ERROR("[%s] Failed to execute easy web request %s, error code: %d", kTag,
                  printable.c_str(), static_cast<int>(impl->result));

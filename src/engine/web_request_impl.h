@@ -37,6 +37,10 @@ struct WebRequest::impl {
     // True once curl_easy_perform has run on the handle (the caller's-thread
     // path): the handle then keeps a socket pair until it is cleaned up.
     bool performed_here = false;
+    // The custom method (PUT, PATCH, DELETE) whose transfer ends at a 303,
+    // or null; `stopped_at_see_other` says that it did.
+    const char* see_other_method = nullptr;
+    bool stopped_at_see_other = false;
 };
 
 // Resets (or renews) the request's pooled handle for its next transfer and
@@ -51,6 +55,10 @@ void takeCleanHandle(WebRequest& request);
 // `code`. libcurl writes no error text when it refuses an option (a string
 // over its 8 MB limit, for one): the exception then carries the code's text.
 [[noreturn]] void failSetup(WebRequest& request, CURLcode code);
+
+// A transfer ended on purpose at a 303 for a custom method: it counts as
+// complete, with the 303 as its answer, not as libcurl's write error.
+void settleSeeOtherStop(WebRequest& request);
 
 // Sets an option whose failure must abort the set-up (throws WebException).
 template <typename Value>

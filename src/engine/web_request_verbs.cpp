@@ -52,8 +52,10 @@ bool prepare(WebRequest& request, const std::vector<std::string>* headers, const
     if (headers != nullptr) request.headers = *headers;
     if (cookie != nullptr) request.cookie = *cookie;  // the set-up sends it
     request.impl->on_data = onData;
-    if (onHeader != nullptr) request.impl->on_header = *onHeader;
+    request.impl->on_header = onHeader != nullptr ? *onHeader : DataReceivedCallback();
     request.impl->on_complete = onDone;
+    request.impl->see_other_method = nullptr;
+    request.impl->stopped_at_see_other = false;
     if (onHeader != nullptr) {
         request.setupRequest_ex();
     } else {
@@ -129,6 +131,16 @@ void runPost(WebRequest& request, const std::vector<std::string>& headers, const
     dispatch(request);
 }
 
+// A 303 says the write is done and its answer is elsewhere, to be fetched
+// with GET. libcurl 7.88 would send the custom method there again, without
+// a body: a DELETE of the other resource, an empty PUT over it. The
+// transfer ends at the 303 instead (the header callback watches for it).
+void stopAtSeeOther(WebRequest& request, const char* method) {
+    request.impl->see_other_method = method;
+    setCheckedOption(request, CURLOPT_HEADERFUNCTION, &WebRequest::receiveHeader);
+    setCheckedOption(request, CURLOPT_HEADERDATA, &request);
+}
+
 // PUT, PATCH and DELETE (a null body sends none).
 void runCustom(WebRequest& request, const char* method, const std::vector<std::string>& headers,
                const std::string& user, const std::string& password, const std::string* body,
@@ -142,12 +154,11 @@ void runCustom(WebRequest& request, const char* method, const std::vector<std::s
         // libcurl keeps a custom method across every redirect but drops the
         // body on 301 and 302 as for a POST: the next location would get an
         // empty write. There method and body travel together, as on 307 and
-        // 308. A 303 says the write is done and its answer is elsewhere: the
-        // body is not sent there again (libcurl 7.88 still sends the bare
-        // method; it cannot turn a custom method into GET).
+        // 308.
         curl_easy_setopt(request.impl->curl_handle, CURLOPT_POSTREDIR,
                          static_cast<long>(CURL_REDIR_POST_301 | CURL_REDIR_POST_302));
     }
+    stopAtSeeOther(request, method);
     dispatch(request);
 }
 

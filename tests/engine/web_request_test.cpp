@@ -136,26 +136,33 @@ TEST_P(Dispatch, AStreamUploadSendsExactlyTheAnnouncedSize) {
 }
 
 // A write that is redirected arrives at the new location whole: a PUT or
-// PATCH body, a streamed file sent again from its start. (After a 303, "see
-// other", a streamed PUT becomes a GET; a PUT or PATCH body is not repeated,
-// and what its bodiless method gets depends on the server.)
+// PATCH body, a streamed file sent again from its start. A 303, "see
+// other", says the write is done: a streamed PUT becomes a GET there, and a
+// PUT, PATCH or DELETE ends at the 303 rather than go out again, bodiless,
+// to the other location.
 TEST_P(Dispatch, RedirectedWritesArriveWhole) {
     TempFile file("streamed body");
     const std::string body = "sent body";  // not copied: it must outlive the transfer
     for (const int code : {301, 302, 303, 307, 308}) {
         const std::string target = url("/redirect?code=" + std::to_string(code) + "&to=" + url("/echo"));
-        for (const char* method : {"PUT", "PATCH"}) {
-            if (code == 303) break;
+        for (const std::string method : {"PUT", "PATCH", "DELETE"}) {
+            if (method == "DELETE" && code != 303) break;
             WebRequest request(target, method, false);
-            if (std::string(method) == "PUT") {
+            if (method == "PUT") {
                 request.putAsync("", "", body, none, ignore, {});
-            } else {
+            } else if (method == "PATCH") {
                 request.patchAsync("", "", body, none, ignore, {});
+            } else {
+                request.deleteAsync("", "", none, ignore, {});
             }
             ASSERT_EQ(request.wait(5000), 0);
             const RecordedRequest seen = lastRequest(server);
-            EXPECT_EQ(seen.path + " " + seen.method + " " + seen.body, "/echo " + std::string(method) + " sent body")
+            const std::string sentBody = method == "DELETE" ? "" : "sent body";
+            EXPECT_EQ(seen.path + " " + seen.method + " " + seen.body,
+                      (code == 303 ? "/redirect " : "/echo ") + method + " " + sentBody)
                 << code;
+            EXPECT_EQ(request.getResponseCode(), code == 303 ? 303 : 200) << code << method;
+            EXPECT_EQ(request.impl->result, CURLE_OK) << code << method;
         }
         std::unique_ptr<FILE, int (*)(FILE*)> stream(std::fopen(file.path().c_str(), "rb"), std::fclose);
         WebRequest upload(target, "PUT", false);

@@ -121,6 +121,7 @@ void TestServer::addStandardEndpoints() {
         res.set_redirect(req.get_param_value("to"), code.empty() ? 302 : std::stoi(code));
     };
     server_->Get("/redirect", redirect).Put("/redirect", redirect).Patch("/redirect", redirect);
+    server_->Delete("/redirect", redirect);
     server_->Get(R"(/bytes/(\d+))", [this](Request req, Response res) {
         record(req);
         res.set_content(pattern(std::stoul(req.matches[1])), "application/octet-stream");
