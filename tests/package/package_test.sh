@@ -21,6 +21,11 @@ cmake --build "$work/cmake-consumer" >/dev/null
 LD_LIBRARY_PATH="$prefix/lib" "$work/cmake-consumer/consumer"
 
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
+# A consumer needs libcurl's headers only, not OpenSSL's or json-c's.
+if pkg-config --cflags --libs webclient | grep -Eq 'json|ssl|crypto'; then
+  echo "package: pkg-config hands consumers OpenSSL or json-c" >&2
+  exit 1
+fi
 # shellcheck disable=SC2046
 g++ -std=c++17 "$here/consumer.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs webclient)
 LD_LIBRARY_PATH="$prefix/lib" "$work/pc-consumer"
