@@ -46,6 +46,9 @@ public:
     long connect_timeout;
 };
 
+// Like the functions of flat_api.h: a Strdup copy of the body owned by the
+// caller (release it with the deallocator matching the host's Strdup), or
+// null for a null url.
 WEBCLIENT_API char* easyWebClientGet(const char* url, const char* user, const char* password,
                                      const char* cookie, const char** headers, int* responseCode);
 WEBCLIENT_API char* easyWebClientUploadByPost(const char* url, const char* user,

@@ -1,8 +1,12 @@
 // Interfaces that libwebclient imports from the host agent.
 //
-// The library ships small stand-ins for all of them (exported with default
-// visibility, so a real host that defines the same symbols replaces them at
-// link time). The functions under "Stand-in controls" exist only in the
+// The library ships small stand-ins for all of them, exported with default
+// visibility. The dynamic linker binds every module of a process to the
+// first definition in its lookup order: a host's own definitions replace
+// the stand-ins only when they come first (in the executable, or in a
+// library loaded before this one; with --as-needed a library the executable
+// does not itself use is dropped from its list and loaded later). Otherwise
+// the stand-ins serve the host's other modules too. The functions under "Stand-in controls" exist only in the
 // stand-ins: they let a host or a test capture log lines, choose the log
 // level and register the progress-report sender.
 #pragma once
