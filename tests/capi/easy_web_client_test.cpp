@@ -28,11 +28,6 @@ TEST(EasyWebClient, GetFollowsRedirectsAndSendsWhatItIsGiven) {
     take(easyWebClientGet(server.url("localhost", "/echo").c_str(), "u", "", nullptr, one, &code));
     EXPECT_EQ(headerOf(lastRequest(server), "X-Only"), "this");
     EXPECT_EQ(headerOf(lastRequest(server), "Authorization"), "") << "an empty password sends no credentials";
-    const size_t seenBefore = server.requests().size();
-    const char* smuggling[] = {"X-A: 1\r\nX-B: 2", nullptr};
-    EXPECT_EQ(take(easyWebClientGet(redirect.c_str(), nullptr, nullptr, nullptr, smuggling, &code)), "");
-    EXPECT_EQ(take(easyWebClientGet(redirect.c_str(), nullptr, nullptr, "c=1\nX-B: 2", nullptr, &code)), "");
-    EXPECT_EQ(server.requests().size(), seenBefore) << "a line break in a header line or the cookie: nothing sent";
     code = 5;
     EXPECT_EQ(easyWebClientGet(nullptr, nullptr, nullptr, nullptr, nullptr, &code), nullptr);
     EXPECT_EQ(code, 5);
@@ -83,14 +78,13 @@ TEST(EasyWebClient, UploadsWithAndWithoutAFile) {
         // the first form is not leaked).
         EasyWebClient client;
         TempFile other("second upload");
-        std::vector<std::string> none;
         std::string response;
-        client.uploadByPost(target, "", "", none, "doc", file.path(), response);
-        EXPECT_EQ(client.uploadByPost(target, "", "", none, "other", other.path(), response), 200);
+        client.uploadByPost(target, "", "", noHeaders, "doc", file.path(), response);
+        EXPECT_EQ(client.uploadByPost(target, "", "", noHeaders, "other", other.path(), response), 200);
         ASSERT_EQ(lastRequest(server).parts.size(), 1u);
         EXPECT_EQ(lastRequest(server).parts[0].content, "second upload");
         const size_t seen = server.requests().size();
-        EXPECT_EQ(client.uploadByPost(target, "", "", none, "dir", "/tmp", response), -1);
+        EXPECT_EQ(client.uploadByPost(target, "", "", noHeaders, "dir", "/tmp", response), -1);
         EXPECT_EQ(server.requests().size(), seen) << "a directory is no file to send";
     }
     {

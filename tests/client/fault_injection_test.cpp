@@ -8,6 +8,7 @@
 #include "support/pki.h"
 #include "support/raw_server.h"
 #include "support/server_util.h"
+#include "support/test_helpers.h"
 #include "support/trust_sandbox.h"
 #include "webclient/easy_web_client.h"
 #include "webclient/web_client.h"
@@ -22,9 +23,8 @@ struct Outcome {
 
 Outcome get(const std::string& url, bool useSsl = false) {
     WebClient client;
-    std::vector<std::string> none;
     Outcome out;
-    client.get(url, "", "", none, out.body, &out.code, out.error, useSsl);
+    client.get(url, "", "", noHeaders, out.body, &out.code, out.error, useSsl);
     return out;
 }
 
@@ -113,11 +113,10 @@ TEST_P(Faults, FoldedFirstHeaderLineAfterAnEarlierAnswer) {
     EXPECT_EQ(get(plain).code, 200) << "after: " << afterFold.error;
 
     EasyWebClient easy;
-    std::vector<std::string> none;
     std::string headers, body;
-    EXPECT_EQ(easy.get(plain, "", "", "", none, headers, body), 200);
-    (void)easy.get(folded, "", "", "", none, headers, body);
-    EXPECT_EQ(easy.get(plain, "", "", "", none, headers, body), 200);
+    EXPECT_EQ(easy.get(plain, "", "", "", noHeaders, headers, body), 200);
+    (void)easy.get(folded, "", "", "", noHeaders, headers, body);
+    EXPECT_EQ(easy.get(plain, "", "", "", noHeaders, headers, body), 200);
 }
 
 TEST_P(Faults, ServerClosingDuringUploadRaisesNoSigpipe) {
@@ -126,11 +125,10 @@ TEST_P(Faults, ServerClosingDuringUploadRaisesNoSigpipe) {
         RawServer::resetConnection(fd);
     });
     WebClient client;
-    std::vector<std::string> none;
     const std::string body(8 * 1024 * 1024, 'b');  // far more than socket buffers hold
     std::string response, error;
     int code = -1;
-    client.post(server.url(GetParam(), "/upload"), "u", "p", body, none, response, code, error, false);
+    client.post(server.url(GetParam(), "/upload"), "u", "p", body, noHeaders, response, code, error, false);
     EXPECT_FALSE(error.empty()) << "the process is still alive: no SIGPIPE reached it";
 }
 

@@ -32,7 +32,6 @@ class BlockingVerbs : public ::testing::TestWithParam<const char*> {
 protected:
     TestServer server;
     WebClient client;
-    std::vector<std::string> none;
     std::string url(const std::string& path) { return server.url(GetParam(), path); }
 };
 
@@ -41,7 +40,7 @@ INSTANTIATE_TEST_SUITE_P(BothPaths, BlockingVerbs, ::testing::Values("127.0.0.1"
 TEST_P(BlockingVerbs, HttpErrorsAreAnswersAndHeaderTextIsAppended) {
     std::string responseHeaders = "kept:", response = "stale", error = "caller's";
     int code = -1;
-    client.get(url("/status/404"), "", "", "", none, responseHeaders, response, error, &code, false);
+    client.get(url("/status/404"), "", "", "", noHeaders, responseHeaders, response, error, &code, false);
     EXPECT_EQ(code, 404);
     EXPECT_EQ(response, "status 404") << "the body replaces what was there";
     EXPECT_EQ(responseHeaders.rfind("kept:HTTP/1.1 404", 0), 0u) << "header text is appended, not cleared";
@@ -55,9 +54,9 @@ TEST_P(BlockingVerbs, HttpErrorsAreAnswersAndHeaderTextIsAppended) {
 // inherit it.
 TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
     std::string response, error;
-    client.get(url("/echo"), none, response, error, false);
+    client.get(url("/echo"), noHeaders, response, error, false);
     const int firstPort = lastRequest(server).remote_port;
-    client.get(url("/echo"), none, response, error, false);
+    client.get(url("/echo"), noHeaders, response, error, false);
     EXPECT_EQ(lastRequest(server).remote_port, firstPort);
     int kept = -1;
     for (const auto& open : openDescriptors()) {
@@ -75,7 +74,7 @@ TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
     // key) add none.
     const size_t pairs = localSockets();
     for (int user = 0; user < 10; ++user) {
-        client.get(url("/echo").insert(7, "u" + std::to_string(user) + "@"), none, response, error, false);
+        client.get(url("/echo").insert(7, "u" + std::to_string(user) + "@"), noHeaders, response, error, false);
         ASSERT_EQ(lastRequest(server).path, "/echo");
     }
     EXPECT_EQ(localSockets(), pairs);
@@ -86,25 +85,21 @@ TEST_P(BlockingVerbs, AnOriginKeepsItsConnectionBetweenRequests) {
 // text over 8 MB, after which the request would go out without it.
 TEST_P(BlockingVerbs, TextLibcurlWouldCutOrDropIsRefused) {
     const std::string nul("\0", 1);
-    std::vector<std::string> headers = {"X-A: 1" + nul + "X-B: 2"};
     std::map<std::string, std::string> fields = {{"f", "1" + nul + "2"}};
     TempFile file("data");
     std::string responseHeaders, response, error;
     int code = 0;
-    EXPECT_THROW(client.get(url("/echo" + nul + "/x"), none, response, error, false), WebException);
-    EXPECT_THROW(client.get(url("/echo"), headers, response, error, false), WebException);
-    EXPECT_THROW(client.get(url("/echo"), "", "", "a=1" + nul + "b=2", none, responseHeaders, response, error,
-                            &code, false),
+    EXPECT_THROW(client.get(url("/echo" + nul + "/x"), noHeaders, response, error, false), WebException);
+    EXPECT_THROW(client.post(url("/echo"), "u", "pw" + nul + "rest", "x", noHeaders, response, error, false),
                  WebException);
-    EXPECT_THROW(client.post(url("/echo"), "u", "pw" + nul + "rest", "x", none, response, error, false), WebException);
-    EXPECT_THROW(client.uploadByPost(url("/echo"), "", "", none, "f", file.path() + nul + ".bak", response, &code,
+    EXPECT_THROW(client.uploadByPost(url("/echo"), "", "", noHeaders, "f", file.path() + nul + ".bak", response, &code,
                                      error, false),
                  WebException);
-    EXPECT_THROW(client.uploadByPost(url("/echo"), "", "", none, fields, "f", file.path(), responseHeaders, response,
-                                     error, false),
+    EXPECT_THROW(client.uploadByPost(url("/echo"), "", "", noHeaders, fields, "f", file.path(), responseHeaders,
+                                     response, error, false),
                  WebException);
     // Even at the very end: "admin\0" + ":" + "pw" would send no password.
-    EXPECT_THROW(client.post(url("/echo"), "admin" + nul, "pw", "x", none, response, error, false), WebException);
+    EXPECT_THROW(client.post(url("/echo"), "admin" + nul, "pw", "x", noHeaders, response, error, false), WebException);
     const std::string huge(9u << 20, 'p');
     const struct {
         std::string url, password;
@@ -112,7 +107,7 @@ TEST_P(BlockingVerbs, TextLibcurlWouldCutOrDropIsRefused) {
     } oversized[] = {{url("/echo"), huge, "password"}, {url("/echo?" + huge), "pw", "URL"}};
     for (const auto& c : oversized) {
         try {
-            client.post(c.url, "u", c.password, "x", none, response, error, false);
+            client.post(c.url, "u", c.password, "x", noHeaders, response, error, false);
             ADD_FAILURE() << c.named;
         } catch (const WebException& refused) {
             EXPECT_NE(std::string(refused.what()).find(c.named), std::string::npos) << refused.what();
@@ -126,11 +121,10 @@ TEST(BlockingVerbFailures, WaitLimitIsReportedOnlyInTheLog) {
     LogCapture log;
     WebClient client;
     client.requestTimeoutMs = 1000;
-    std::vector<std::string> none;
     std::string response, error = "untouched";
     int code = -1;
     const auto start = std::chrono::steady_clock::now();
-    client.get(server.url("127.0.0.1", "/stall?ms=5000"), "", "", none, response, &code, error, false);
+    client.get(server.url("127.0.0.1", "/stall?ms=5000"), "", "", noHeaders, response, &code, error, false);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3000));
     EXPECT_EQ(log.count("[get] exception Operation timed out"), 1u);
     EXPECT_EQ(code, 0);

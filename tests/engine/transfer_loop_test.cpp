@@ -58,8 +58,7 @@ private:
 TEST(TransferLoop, NewRequestsAreServedWhileAnotherTransferIsQuiet) {
     TestServer stalling, quick;
     WebRequest stalled(stalling.url("127.0.0.1", "/stall?ms=4000"), "GET", false);
-    std::vector<std::string> none;
-    stalled.getAsync(none, [](std::shared_ptr<DataReceivedEventArgs>) {}, {});
+    stalled.getAsync(noHeaders, ignore, {});
     // Each of these would wait out the loop's socket wait if registering a
     // request did not end it; twenty of them would outlast the stall.
     for (int i = 0; i < 20; ++i) ASSERT_EQ(completeGet(quick.url("127.0.0.1", "/status/200")), 200) << i;
@@ -93,11 +92,10 @@ TEST(TransferLoop, SocketsAbove1023AreServed) {
 // and sleeping until the next registration.
 TEST(TransferLoop, ClosingAStreamingTransferDoesNotStallAQuietOne) {
     TestServer holding, streaming;
-    std::vector<std::string> none;
     for (int round = 0; round < 10; ++round) {
         WebRequest held(holding.url("127.0.0.1", "/stall?ms=300"), "GET", false);
         Collected answer;
-        held.getAsync(none, answer.callback(), {});
+        held.getAsync(noHeaders, answer.callback(), {});
         auto received = std::make_shared<std::atomic<long>>(0);
         auto flowing = std::make_unique<WebRequest>(
             streaming.url("127.0.0.1", "/slow/100000000?chunk=16384&delay_ms=0"), "GET", false);

@@ -1,5 +1,7 @@
 #include "support/test_helpers.h"
 
+#include "engine/web_request_impl.h"
+
 #include <dirent.h>
 #include <sys/syscall.h>
 
@@ -18,9 +20,14 @@ std::string readWholeFile(const std::string& path) {
 
 long completeGet(const std::string& url) {
     WebRequest request(url, "GET", false);
-    std::vector<std::string> none;
-    request.getAsync(none, [](std::shared_ptr<DataReceivedEventArgs>) {}, {});
+    request.getAsync(noHeaders, ignore, {});
     return request.wait(10000) == 0 ? request.getResponseCode() : -1;
+}
+
+CURLcode resultOfGet(WebRequest& request) {
+    request.getAsync(noHeaders, ignore, {});
+    request.wait(10000);
+    return request.impl->result;
 }
 
 std::map<int, std::string> openDescriptors() {

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "webclient/web_request.h"
 
@@ -27,6 +28,10 @@ struct Collected {
         };
     }
 };
+
+// For verbs whose header lines or data a test has no use for (never filled).
+inline std::vector<std::string> noHeaders;
+inline void ignore(std::shared_ptr<DataReceivedEventArgs>) {}
 
 // A file with the given contents, removed when the object goes.
 class TempFile {
@@ -98,6 +103,8 @@ std::string readWholeFile(const std::string& path);
 // Runs a GET to its end through WebRequest: the HTTP status, or -1 when the
 // wait ran out.
 long completeGet(const std::string& url);
+// Runs a GET on `request` to its end (a wait of at most 10 s): libcurl's result.
+CURLcode resultOfGet(WebRequest& request);
 
 // A stdio stream on `path` (mode as for fopen), closed with the last owner;
 // empty when it cannot be opened (a shared_ptr would hand fclose a null).

@@ -36,18 +36,17 @@ TEST(HttpVersion, NoPathOffersHttp2) {
         SSL_CTX_set_alpn_select_cb(static_cast<httplib::SSLServer&>(plain).ssl_context(), recordOffer, nullptr);
     });
     const std::string http11 = "\x08http/1.1";
-    std::vector<std::string> none;
     // 127.0.0.1 runs on the transfer thread, localhost on the caller's.
     for (const char* host : {"127.0.0.1", "localhost"}) {
         Collected body;
         WebRequest request(server.url(host, "/echo"), "GET", false);
-        request.getAsync(none, body.callback(), {});
+        request.getAsync(noHeaders, body.callback(), {});
         ASSERT_EQ(request.wait(5000), 0) << host;
         EXPECT_EQ(request.getResponseCode(), 200) << host;
         EXPECT_EQ(takeOffer(), http11) << host;
     }
     EasyWebClient client;
     std::string responseHeaders, response;
-    EXPECT_EQ(client.get(server.url("localhost", "/echo"), "", "", "", none, responseHeaders, response), 200);
+    EXPECT_EQ(client.get(server.url("localhost", "/echo"), "", "", "", noHeaders, responseHeaders, response), 200);
     EXPECT_EQ(takeOffer(), http11);
 }
