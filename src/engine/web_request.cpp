@@ -1,5 +1,6 @@
 // WebRequest: construction on a pooled handle, the common libcurl set-up,
 // data delivery, completion, waiting and tear-down.
+#include <strings.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include <openssl/x509.h>
 
@@ -235,14 +237,35 @@ int WebRequest::receiveDataInternal(const char* data, int count) {
 
 namespace {
 
-// At the blank line that ends a 303's header block, for a request that
-// stops there: the 303 is its answer (libcurl has not followed it yet).
+bool startsWithNoCase(std::string_view line, std::string_view prefix) {
+    return line.size() >= prefix.size() && strncasecmp(line.data(), prefix.data(), prefix.size()) == 0;
+}
+
+// Watches the header lines of a request that stops at a 303: true at the
+// blank line that ends a 303 naming a location (libcurl follows only then;
+// a 303 without one is an ordinary answer, body and all).
 bool endsSeeOtherAnswer(WebRequest& request, const char* data, int count) {
-    if (request.impl->see_other_method == nullptr) return false;
-    if (!(count == 2 && data[0] == '\r' && data[1] == '\n') && !(count == 1 && data[0] == '\n')) return false;
+    struct WebRequest::impl& state = *request.impl;
+    if (state.see_other_method == nullptr) return false;
+    const std::string_view line(data, static_cast<size_t>(count));
+    if (startsWithNoCase(line, "HTTP/")) {
+        state.answer_names_location = false;  // a new answer (after a 1xx or a followed hop)
+    } else if (startsWithNoCase(line, "Location:")) {
+        state.answer_names_location = line.find_first_not_of(" \t\r\n", 9) != std::string_view::npos;
+    }
+    if ((line != "\r\n" && line != "\n") || !state.answer_names_location) return false;
     long status = 0;
-    return curl_easy_getinfo(request.impl->curl_handle, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK &&
-           status == 303;
+    return curl_easy_getinfo(state.curl_handle, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK && status == 303;
+}
+
+// The URL that answered (after any hop), masked for the log.
+std::string printableEffectiveUrl(const WebRequest& request) {
+    const char* effective = nullptr;
+    if (curl_easy_getinfo(request.impl->curl_handle, CURLINFO_EFFECTIVE_URL, &effective) != CURLE_OK ||
+        effective == nullptr) {
+        return request.getPrintableUrl();
+    }
+    return get_printable_url(effective);
 }
 
 }  // namespace
@@ -261,7 +284,7 @@ int WebRequest::receiveHeaderInternal(const char* data, int count) {
     }
     if (endsSeeOtherAnswer(*this, data, count)) {
         WC_LOG_INFO("[%s] %s answered 303: the write is done; not sending the %s again to the other location",
-                    getPrintableUrl().c_str(), impl->see_other_method, impl->see_other_method);
+                    printableEffectiveUrl(*this).c_str(), impl->see_other_method, impl->see_other_method);
         impl->stopped_at_see_other = true;
         return 0;
     }

@@ -40,6 +40,7 @@ struct WebRequest::impl {
     // The custom method (PUT, PATCH, DELETE) whose transfer ends at a 303,
     // or null; `stopped_at_see_other` says that it did.
     const char* see_other_method = nullptr;
+    bool answer_names_location = false;  // the answer being read so far
     bool stopped_at_see_other = false;
 };
 

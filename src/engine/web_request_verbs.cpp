@@ -55,6 +55,7 @@ bool prepare(WebRequest& request, const std::vector<std::string>* headers, const
     request.impl->on_header = onHeader != nullptr ? *onHeader : DataReceivedCallback();
     request.impl->on_complete = onDone;
     request.impl->see_other_method = nullptr;
+    request.impl->answer_names_location = false;
     request.impl->stopped_at_see_other = false;
     if (onHeader != nullptr) {
         request.setupRequest_ex();

@@ -159,6 +159,12 @@ TEST_P(Dispatch, RedirectedWritesArriveWhole) {
         const RecordedRequest seen = lastRequest(server);
         EXPECT_EQ(seen.method + " " + seen.body, code == 303 ? "GET " : "PUT streamed body") << code;
     }
+    // A 303 that names no other location is an ordinary answer, body and all.
+    Collected answer;
+    WebRequest unmoved(url("/status/303"), "PUT", false);
+    unmoved.putAsync("", "", body, noHeaders, answer.callback(), {});
+    ASSERT_EQ(unmoved.wait(5000), 0);
+    EXPECT_EQ(answer.text, "status 303");
 }
 
 TEST_P(Dispatch, CancelOrExceptionFromCallbacksEndsTheTransferCleanly) {

@@ -109,11 +109,12 @@ void TestServer::addStandardEndpoints() {
     auto empty = [this](Request req, Response) { record(req); };
     server_->Get("/echo", echo).Post("/echo", echo).Put("/echo", echo).Patch("/echo", echo).Delete("/echo", echo);
     server_->Get("/empty", empty).Post("/empty", empty);
-    server_->Get(R"(/status/(\d+))", [this](Request req, Response res) {
+    auto status = [this](Request req, Response res) {
         record(req);
         res.status = std::stoi(req.matches[1]);
         res.set_content("status " + std::string(req.matches[1]), "text/plain");
-    });
+    };
+    server_->Get(R"(/status/(\d+))", status).Put(R"(/status/(\d+))", status);
     // To "to", with the status "code" (302 when not given).
     auto redirect = [this](Request req, Response res) {
         record(req);
