@@ -251,7 +251,10 @@ bool endsSeeOtherAnswer(WebRequest& request, const char* data, int count) {
     if (startsWithNoCase(line, "HTTP/")) {
         state.answer_names_location = false;  // a new answer (after a 1xx or a followed hop)
     } else if (startsWithNoCase(line, "Location:")) {
-        state.answer_names_location = line.find_first_not_of(" \t\r\n", 9) != std::string_view::npos;
+        // libcurl takes the first Location that is not blank (isspace): a
+        // later one, even an empty one, does not undo it.
+        state.answer_names_location = state.answer_names_location ||
+                                      line.find_first_not_of(" \t\r\n\v\f", 9) != std::string_view::npos;
     }
     if ((line != "\r\n" && line != "\n") || !state.answer_names_location) return false;
     long status = 0;
@@ -262,7 +265,7 @@ bool endsSeeOtherAnswer(WebRequest& request, const char* data, int count) {
 std::string printableEffectiveUrl(const WebRequest& request) {
     const char* effective = nullptr;
     if (curl_easy_getinfo(request.impl->curl_handle, CURLINFO_EFFECTIVE_URL, &effective) != CURLE_OK ||
-        effective == nullptr) {
+        effective == nullptr || *effective == '\0') {
         return request.getPrintableUrl();
     }
     return get_printable_url(effective);

@@ -120,6 +120,7 @@ void TestServer::addStandardEndpoints() {
         record(req);
         const std::string code = req.get_param_value("code");
         res.set_redirect(req.get_param_value("to"), code.empty() ? 302 : std::stoi(code));
+        if (req.has_param("blank_too")) res.headers.emplace("Location", "");  // a second, empty one
     };
     server_->Get("/redirect", redirect).Put("/redirect", redirect).Patch("/redirect", redirect);
     server_->Delete("/redirect", redirect);
