@@ -2,7 +2,8 @@
 // against these (C++-mangled) symbols, so the parameter types are fixed.
 //
 // Strings: a null user, password, cookie or data is the empty string, except
-// webClientPatch's data. A null url (or webClientPatch's data) throws
+// webClientPatch's data. A null url in the body-returning functions other
+// than webClientUploadByPost (and webClientPatch's null data) throws
 // std::logic_error, which is not caught: these functions turn only a
 // WebException into an error line and a null (or 0) result.
 // Header arrays end at their first null entry; a null array sends none.

@@ -6,9 +6,10 @@
 // the stand-ins only when they come first (in the executable, or in a
 // library loaded before this one; with --as-needed a library the executable
 // does not itself use is dropped from its list and loaded later). Otherwise
-// the stand-ins serve the host's other modules too. The functions under "Stand-in controls" exist only in the
-// stand-ins: they let a host or a test capture log lines, choose the log
-// level and register the progress-report sender.
+// the stand-ins serve the host's other modules too. The functions under
+// "Stand-in controls" exist only in the stand-ins: they let a host or a test
+// capture log lines, choose the log level and register the progress-report
+// sender.
 #pragma once
 
 #include <cstddef>
