@@ -8,6 +8,8 @@
 #include <iterator>
 #include <set>
 
+#include "engine/url_masking.h"
+
 namespace {
 
 const std::set<std::string> kVerbs = {"get", "post", "put", "patch", "delete",
@@ -27,6 +29,15 @@ bool readFile(const std::string& path, std::string& contents) {
 // Secrets given on the command line stay visible in the process list for
 // as long as the program runs; the copy is taken, the original blanked.
 void blankArgument(char* argument) { std::memset(argument, ' ', std::strlen(argument)); }
+
+// The process list shows the arguments for the program's whole run: a URL's
+// secrets (its password, password= and client_secret= values) are starred
+// there once the URL is taken.
+void hideUrlSecrets(char* argument) {
+    for (const auto& range : webclient::urlSecretRanges(argument, true)) {
+        std::memset(argument + range.first, '*', range.second - range.first);
+    }
+}
 
 // "-F name=value" adds a form field; "-F name=@path" names the file part.
 bool addFormEntry(const std::string& entry, CliOptions& options, std::string& error) {
@@ -190,6 +201,7 @@ bool parseCommandLine(int argc, char** argv, CliOptions& options, std::string& e
             options.verb = arg;
         } else if (options.url.empty()) {
             options.url = arg;
+            hideUrlSecrets(argv[i]);
         } else {
             error = std::string("unexpected argument '") + arg + "'";
             return false;
