@@ -39,6 +39,12 @@ void hideUrlSecrets(char* argument) {
     }
 }
 
+// An argument as a usage error shows it: a misplaced URL (a forgotten verb,
+// a second URL) with its secrets masked.
+std::string shownArgument(const std::string& argument) {
+    return "'" + webclient::withRangesMasked(argument, webclient::urlSecretRanges(argument, true)) + "'";
+}
+
 // "-F name=value" adds a form field; "-F name=@path" names the file part.
 bool addFormEntry(const std::string& entry, CliOptions& options, std::string& error) {
     const size_t eq = entry.find('=');
@@ -195,7 +201,7 @@ bool parseCommandLine(int argc, char** argv, CliOptions& options, std::string& e
             if (!parseOption(argc, argv, i, options, error)) return false;
         } else if (options.verb.empty()) {
             if (kVerbs.count(arg) == 0) {
-                error = std::string("unknown command '") + arg + "'";
+                error = "unknown command " + shownArgument(arg);
                 return false;
             }
             options.verb = arg;
@@ -203,7 +209,7 @@ bool parseCommandLine(int argc, char** argv, CliOptions& options, std::string& e
             options.url = arg;
             hideUrlSecrets(argv[i]);
         } else {
-            error = std::string("unexpected argument '") + arg + "'";
+            error = "unexpected argument " + shownArgument(arg);
             return false;
         }
     }
