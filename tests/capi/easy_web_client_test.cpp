@@ -56,6 +56,9 @@ TEST(EasyWebClient, GetFollowsRedirectsAndSendsWhatItIsGiven) {
     std::vector<std::string> cut = {"X-A: 1" + nul + "X-B: 2"};
     EXPECT_EQ(client.get(server.url("127.0.0.1", "/echo") + nul + "/x", "", "", "", second, responseHeaders, response), -1);
     EXPECT_EQ(client.get(server.url("127.0.0.1", "/echo"), "", "", "", cut, responseHeaders, response), -1);
+    EXPECT_EQ(client.get(server.url("127.0.0.1", "/echo"), "", "", "a=1" + nul + "b=2", second, responseHeaders,
+                         response),
+              -1);
     // Texts over libcurl's 8 MB limit: not sent without them.
     const std::string huge(9u << 20, 'p');
     EXPECT_EQ(client.get(server.url("127.0.0.1", "/echo"), "u", huge, "", second, responseHeaders, response), -1);

@@ -50,7 +50,7 @@ TEST_P(Dispatch, CallbacksRunOnTheExpectedThreadWithTheLengthWhenKnown) {
     }
 }
 
-TEST_P(Dispatch, UploadsSendTheStreamOrTheFormAndNeverStandardInput) {
+TEST_P(Dispatch, UploadsSendTheFormAndNeverStandardInput) {
     StdinWithData stdinData("must not be sent");
     TempFile file("upload contents\n");
     std::map<std::string, std::string> fields = {{"b_field", "2"}, {"a_field", "1"}};
