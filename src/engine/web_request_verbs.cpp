@@ -26,6 +26,9 @@ void startAfresh(WebRequest& request) {
     request.impl->form_post = nullptr;
     request.impl->upload = UploadSource();
     request.impl->result = CURLE_OK;
+    request.impl->see_other_method = nullptr;
+    request.impl->answer_names_location = false;
+    request.impl->stopped_at_see_other = false;
     request.content_length = -1.0;
     utilities::lock::lock_guard guard(&request.mutex);
     request.completed = false;
@@ -54,9 +57,6 @@ bool prepare(WebRequest& request, const std::vector<std::string>* headers, const
     request.impl->on_data = onData;
     request.impl->on_header = onHeader != nullptr ? *onHeader : DataReceivedCallback();
     request.impl->on_complete = onDone;
-    request.impl->see_other_method = nullptr;
-    request.impl->answer_names_location = false;
-    request.impl->stopped_at_see_other = false;
     if (onHeader != nullptr) {
         request.setupRequest_ex();
     } else {
