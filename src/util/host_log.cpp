@@ -8,7 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "util/lock_guard.h"
 #include "webclient/host.h"
@@ -20,53 +22,51 @@ constexpr int kHostDebugModule = -1;
 
 std::atomic<int> g_threshold{kLevelUnset};
 
-// Set while this thread runs the sink: replacing the sink from there would
-// wait for the very call it is made from, and a line the sink logs itself
-// goes to standard error.
-thread_local bool t_in_sink = false;
-
-// The installed sink. A sink is called under the read lock, so replacing
-// it waits for the calls in flight: its owner may free what it uses as soon
-// as it is replaced (a test's capture does). Writers go first, or threads
-// that log without pause would keep a replacement waiting. Made once and
-// never destroyed: host threads may still log during exit().
-struct SinkSlot {
-    SinkSlot() { initLock(); }
-    void initLock() {
-        pthread_rwlockattr_t attributes;
-        pthread_rwlockattr_init(&attributes);
-        pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
-        pthread_rwlock_init(&lock, &attributes);
-        pthread_rwlockattr_destroy(&attributes);
-    }
-    pthread_rwlock_t lock;
-    // Held around the swap, and across fork(): a child must not start with
-    // a half-swapped sink.
-    pthread_mutex_t swapping = PTHREAD_MUTEX_INITIALIZER;
-    WebClientLogSink sink;  // guarded by lock
+// A sink as installed, with the number of calls running it. Calls run with
+// no lock held, so a sink may wait for another thread that logs, even while
+// a replacement is pending. Replacing the sink waits until the replaced one
+// has no call left: its owner may free what it uses as soon as it is
+// replaced (a test's capture does).
+struct InstalledSink {
+    explicit InstalledSink(WebClientLogSink function) : sink(std::move(function)) {}
+    WebClientLogSink sink;
+    int calls = 0;  // guarded by SinkSlot::mutex
 };
+
+// Made once and never destroyed: host threads may still log during exit().
+struct SinkSlot {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // held briefly, and across fork()
+    pthread_cond_t callEnded = PTHREAD_COND_INITIALIZER;
+    InstalledSink* current = nullptr;  // guarded by mutex
+};
+
+// The sink this thread is running: replacing the sink from there would wait
+// for the very call it is made from, and a line the sink logs itself goes
+// to standard error.
+thread_local InstalledSink* t_running = nullptr;
 
 // For the fork handlers, which must not wait for the slot's construction.
 std::atomic<SinkSlot*> g_forkSlot{nullptr};
 
 void beforeFork() {
-    if (SinkSlot* slot = g_forkSlot.load()) pthread_mutex_lock(&slot->swapping);
+    if (SinkSlot* slot = g_forkSlot.load()) pthread_mutex_lock(&slot->mutex);
 }
 
 void afterForkInParent() {
-    if (SinkSlot* slot = g_forkSlot.load()) pthread_mutex_unlock(&slot->swapping);
+    if (SinkSlot* slot = g_forkSlot.load()) pthread_mutex_unlock(&slot->mutex);
 }
 
-// The child has one thread: the lock, if another thread held it at the
-// fork, would stay held for good. It starts with a fresh one, read-held
-// again when the fork was made from inside the sink (whose guard will
-// release it).
+// The child has one thread: calls other threads were making will never end,
+// and a waiting replacement is gone. Plain stores only, as between fork()
+// and exec().
 void afterForkInChild() {
     SinkSlot* slot = g_forkSlot.load();
     if (slot == nullptr) return;
-    slot->initLock();
-    if (t_in_sink) pthread_rwlock_rdlock(&slot->lock);
-    pthread_mutex_unlock(&slot->swapping);
+    static const pthread_mutex_t freshMutex = PTHREAD_MUTEX_INITIALIZER;
+    static const pthread_cond_t freshCondition = PTHREAD_COND_INITIALIZER;
+    slot->mutex = freshMutex;
+    slot->callEnded = freshCondition;
+    if (slot->current != nullptr) slot->current->calls = (t_running == slot->current) ? 1 : 0;
 }
 
 SinkSlot& sinkSlot() {
@@ -78,6 +78,19 @@ SinkSlot& sinkSlot() {
     }();
     return *slot;
 }
+
+// Waits run to their end: a cancellation inside one would leave a call in
+// flight on a sink being freed, or end a function that must not throw.
+class CancellationDeferred {
+public:
+    CancellationDeferred() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
+    ~CancellationDeferred() { pthread_setcancelstate(previous_, nullptr); }
+    CancellationDeferred(const CancellationDeferred&) = delete;
+    CancellationDeferred& operator=(const CancellationDeferred&) = delete;
+
+private:
+    int previous_ = PTHREAD_CANCEL_ENABLE;
+};
 
 int levelFromEnvironment() {
     const char* value = std::getenv("WEBCLIENT_LOG_LEVEL");
@@ -136,16 +149,32 @@ void writeToStderr(int level, int module, const std::string& text) {
     }
 }
 
+InstalledSink* enterSink(SinkSlot& slot) {
+    utilities::lock::lock_guard guard(&slot.mutex);
+    if (slot.current != nullptr) ++slot.current->calls;
+    return slot.current;
+}
+
+void leaveSink(SinkSlot& slot, InstalledSink* installed) {
+    utilities::lock::lock_guard guard(&slot.mutex);
+    if (--installed->calls == 0 && installed != slot.current) pthread_cond_broadcast(&slot.callEnded);
+}
+
 void write(int level, int module, const std::string& text) {
-    if (t_in_sink) return writeToStderr(level, module, text);
+    if (t_running != nullptr) return writeToStderr(level, module, text);
     SinkSlot& slot = sinkSlot();
-    utilities::lock::lock_guard_read reading(&slot.lock);
-    if (!slot.sink) return writeToStderr(level, module, text);
-    struct InSink {
-        InSink() { t_in_sink = true; }
-        ~InSink() { t_in_sink = false; }
-    } inSink;
-    slot.sink(level, module, text);
+    InstalledSink* installed = enterSink(slot);
+    if (installed == nullptr) return writeToStderr(level, module, text);
+    struct Running {
+        Running(SinkSlot& s, InstalledSink* i) : slot(s), installed(i) { t_running = installed; }
+        ~Running() {
+            t_running = nullptr;
+            leaveSink(slot, installed);
+        }
+        SinkSlot& slot;
+        InstalledSink* installed;
+    } running(slot, installed);
+    installed->sink(level, module, text);
 }
 
 // Logging never ends its caller: a line that cannot be made (no memory) or
@@ -154,13 +183,11 @@ void write(int level, int module, const std::string& text) {
 // must not throw, where a cancellation's unwinding would end the process.
 void emit(int level, int module, const char* format, va_list args) noexcept {
     if (level < threshold()) return;  // most debug lines: nothing else to do
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    CancellationDeferred deferred;
     try {
         write(level, module, formatText(format, args));
     } catch (...) {
     }
-    pthread_setcancelstate(cancelState, nullptr);
 }
 
 }  // namespace
@@ -186,15 +213,21 @@ extern "C" void debug(const char* format, ...) {
 }
 
 void SetWebClientLogSink(WebClientLogSink sink) {
-    if (t_in_sink) {
+    if (t_running != nullptr) {
         std::fprintf(stderr, "SetWebClientLogSink called from inside the log sink: ignored\n");
         return;
     }
+    std::unique_ptr<InstalledSink> next(sink ? new InstalledSink(std::move(sink)) : nullptr);
+    std::unique_ptr<InstalledSink> replaced;
     SinkSlot& slot = sinkSlot();
-    utilities::lock::lock_guard_write writing(&slot.lock);
-    utilities::lock::lock_guard swapGuard(&slot.swapping);
-    std::swap(slot.sink, sink);
-    // The replaced sink (now in `sink`) is destroyed after the lock is released.
+    {
+        CancellationDeferred deferred;
+        utilities::lock::lock_guard guard(&slot.mutex);
+        replaced.reset(slot.current);
+        slot.current = next.release();
+        while (replaced && replaced->calls > 0) pthread_cond_wait(&slot.callEnded, &slot.mutex);
+    }
+    // The replaced sink is destroyed after the lock is released.
 }
 
 void SetWebClientLogLevel(int level) { g_threshold.store(level, std::memory_order_relaxed); }

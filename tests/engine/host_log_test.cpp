@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <functional>
 #include <thread>
 
@@ -30,6 +32,46 @@ TEST(HostLog, AReplacedSinkIsNeverCalledAgain) {
     SetWebClientLogSink([](int, int, const std::string&) { SetWebClientLogSink(nullptr); });
     orb_log_error(18, "a line for a sink that replaces itself");
     SetWebClientLogSink(nullptr);
+}
+
+TEST(HostLog, ASinkMayWaitForAThreadThatLogsWhileAReplacementWaits) {
+    // A host's sink feeding a queue waits for room, which a consumer thread
+    // makes after logging a line of its own; meanwhile the sink is replaced.
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool producerInSink = false;
+    bool drained = false;
+    std::atomic<std::thread::id> consumerId{};
+    SetWebClientLogSink([&](int, int, const std::string&) {
+        if (std::this_thread::get_id() == consumerId.load()) return;
+        std::unique_lock<std::mutex> lock(mutex);
+        producerInSink = true;
+        changed.notify_all();
+        changed.wait(lock, [&] { return drained; });
+    });
+    std::thread producer([] { orb_log_error(18, "a line the sink holds until the queue drains"); });
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [&] { return producerInSink; });
+    }
+    std::thread replacer([] { SetWebClientLogSink(nullptr); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the replacement waits for the producer
+    std::thread consumer([&] {
+        consumerId = std::this_thread::get_id();
+        orb_log_error(18, "the consumer's own line");
+        std::lock_guard<std::mutex> guard(mutex);
+        drained = true;
+        changed.notify_all();
+    });
+    bool consumerLogged = false;
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        consumerLogged = changed.wait_for(lock, std::chrono::seconds(10), [&] { return drained; });
+        drained = true;  // lets all three go if they were stuck
+        changed.notify_all();
+    }
+    EXPECT_TRUE(consumerLogged) << "the consumer's line waited behind the pending replacement";
+    for (std::thread* thread : {&producer, &replacer, &consumer}) thread->join();
 }
 
 namespace {
