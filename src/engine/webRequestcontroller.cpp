@@ -398,6 +398,9 @@ WebRequest* WebRequestController::findRequest(void* handle, bool remove) {
 
 void WebRequestController::addRequest(WebRequest* request) {
     {
+        // The list's entry is made first: once libcurl has the handle, the
+        // request must be listed without anything left that could fail.
+        std::list<WebRequest*> entry{request};
         MultiWriteGuard multiGuard(&multi_lock);
         // After a stop, refused as libcurl refuses a released multi handle.
         CURLMcode code = closed ? CURLM_BAD_HANDLE : curl_multi_add_handle(multi, request->impl->curl_handle);
@@ -406,7 +409,7 @@ void WebRequestController::addRequest(WebRequest* request) {
             handleError(code);
         }
         utilities::lock::lock_guard listGuard(&list_mutex);
-        requests.push_back(request);
+        requests.splice(requests.end(), entry);
         request->impl->registered = true;
         WC_LOG_DEBUG("addRequest[%d] %s", static_cast<int>(requests.size()),
                      request->getPrintableUrl().c_str());
