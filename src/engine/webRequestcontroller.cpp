@@ -399,7 +399,7 @@ WebRequest* WebRequestController::findRequest(void* handle, bool remove) {
 void WebRequestController::addRequest(WebRequest* request) {
     {
         // The list's entry is made first: once libcurl has the handle, the
-        // request must be listed without anything left that could fail.
+        // request is listed by a step that cannot fail.
         std::list<WebRequest*> entry{request};
         MultiWriteGuard multiGuard(&multi_lock);
         // After a stop, refused as libcurl refuses a released multi handle.

@@ -35,9 +35,10 @@ struct InstalledSink {
 
 // Made once and never destroyed: host threads may still log during exit().
 struct SinkSlot {
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // held briefly, and across fork()
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // held only for a few stores
     pthread_cond_t callEnded = PTHREAD_COND_INITIALIZER;
-    InstalledSink* current = nullptr;  // guarded by mutex
+    // Guarded by mutex; atomic for the fork handler, which reads it without.
+    std::atomic<InstalledSink*> current{nullptr};
 };
 
 // The sink this thread is running: replacing the sink from there would wait
@@ -45,20 +46,14 @@ struct SinkSlot {
 // to standard error.
 thread_local InstalledSink* t_running = nullptr;
 
-// For the fork handlers, which must not wait for the slot's construction.
+// For the fork handler, which must not wait for the slot's construction.
 std::atomic<SinkSlot*> g_forkSlot{nullptr};
 
-void beforeFork() {
-    if (SinkSlot* slot = g_forkSlot.load()) pthread_mutex_lock(&slot->mutex);
-}
-
-void afterForkInParent() {
-    if (SinkSlot* slot = g_forkSlot.load()) pthread_mutex_unlock(&slot->mutex);
-}
-
-// The child has one thread: calls other threads were making will never end,
+// The child has one thread: the mutex may have been held at the fork by a
+// thread it does not have, calls other threads were making will never end,
 // and a waiting replacement is gone. Plain stores only, as between fork()
-// and exec().
+// and exec(). No handler runs before the fork: other fork handlers, which
+// may log, run on either side of it and must find the mutex free.
 void afterForkInChild() {
     SinkSlot* slot = g_forkSlot.load();
     if (slot == nullptr) return;
@@ -66,14 +61,15 @@ void afterForkInChild() {
     static const pthread_cond_t freshCondition = PTHREAD_COND_INITIALIZER;
     slot->mutex = freshMutex;
     slot->callEnded = freshCondition;
-    if (slot->current != nullptr) slot->current->calls = (t_running == slot->current) ? 1 : 0;
+    InstalledSink* current = slot->current.load();
+    if (current != nullptr) current->calls = (t_running == current) ? 1 : 0;
 }
 
 SinkSlot& sinkSlot() {
     static SinkSlot* const slot = [] {
         SinkSlot* made = new SinkSlot();
         g_forkSlot.store(made);
-        pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+        pthread_atfork(nullptr, nullptr, afterForkInChild);
         return made;
     }();
     return *slot;
@@ -151,13 +147,14 @@ void writeToStderr(int level, int module, const std::string& text) {
 
 InstalledSink* enterSink(SinkSlot& slot) {
     utilities::lock::lock_guard guard(&slot.mutex);
-    if (slot.current != nullptr) ++slot.current->calls;
-    return slot.current;
+    InstalledSink* current = slot.current.load();
+    if (current != nullptr) ++current->calls;
+    return current;
 }
 
 void leaveSink(SinkSlot& slot, InstalledSink* installed) {
     utilities::lock::lock_guard guard(&slot.mutex);
-    if (--installed->calls == 0 && installed != slot.current) pthread_cond_broadcast(&slot.callEnded);
+    if (--installed->calls == 0 && installed != slot.current.load()) pthread_cond_broadcast(&slot.callEnded);
 }
 
 void write(int level, int module, const std::string& text) {
@@ -223,8 +220,7 @@ void SetWebClientLogSink(WebClientLogSink sink) {
     {
         CancellationDeferred deferred;
         utilities::lock::lock_guard guard(&slot.mutex);
-        replaced.reset(slot.current);
-        slot.current = next.release();
+        replaced.reset(slot.current.exchange(next.release()));
         while (replaced && replaced->calls > 0) pthread_cond_wait(&slot.callEnded, &slot.mutex);
     }
     // The replaced sink is destroyed after the lock is released.
