@@ -54,7 +54,7 @@ EasyWebClient::EasyWebClient()
 EasyWebClient::~EasyWebClient() {
     if (header_list != nullptr) curl_slist_free_all(header_list);
     if (form_post != nullptr) curl_formfree(form_post);
-    if (curl_handle != nullptr) curl_easy_cleanup(curl_handle);
+    webclient::cleanupEasyHandle(curl_handle);
 }
 
 void EasyWebClient::setupRequest(std::string const& url, std::string const& user,

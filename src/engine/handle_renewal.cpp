@@ -9,10 +9,16 @@ bool reusedHandlesKeepStaleHeader() {
     return affected;
 }
 
+void cleanupEasyHandle(CURL* handle) noexcept {
+    if (handle == nullptr) return;
+    (void)curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_cleanup(handle);
+}
+
 CURL* handleForNextTransfer(CURL* handle, bool replace) {
     if (handle == nullptr) return curl_easy_init();
     if (CURL* fresh = replace ? curl_easy_init() : nullptr) {
-        curl_easy_cleanup(handle);
+        cleanupEasyHandle(handle);
         return fresh;
     }
     curl_easy_reset(handle);

@@ -20,6 +20,12 @@ bool reusedHandlesKeepStaleHeader();
 // null only when libcurl cannot make one.
 CURL* handleForNextTransfer(CURL* handle, bool replace = reusedHandlesKeepStaleHeader());
 
+// Cleans up an easy handle (null: nothing) without touching the process's
+// SIGPIPE disposition: libcurl switches it to "ignored" around the clean-up
+// of a handle without CURLOPT_NOSIGNAL (one never set up, or reset), and a
+// host thread forking meanwhile starts its child with SIGPIPE ignored.
+void cleanupEasyHandle(CURL* handle) noexcept;
+
 // A share for the caller's-thread path, so that its connections and DNS
 // answers outlive the easy handle they were made with. Null on failure.
 CURLSH* makeConnectionShare();

@@ -34,7 +34,7 @@ WebHandle::WebHandle()
 
 WebHandle::~WebHandle() {
     pthread_mutex_destroy(&mutex);
-    if (curl_handle != nullptr) curl_easy_cleanup(curl_handle);
+    webclient::cleanupEasyHandle(curl_handle);
     // After the easy handle: a share still in use refuses to go.
     if (share != nullptr) curl_share_cleanup(share);
 }

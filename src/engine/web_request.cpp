@@ -68,7 +68,7 @@ void logNotSent(const WebRequest& request, const char* reason) {
 void dropDirectPathHandle(WebRequest& request) {
     if (!request.impl->performed_here) return;
     CURL*& pooled = request.impl->web_handle->curl_handle;
-    curl_easy_cleanup(pooled);
+    webclient::cleanupEasyHandle(pooled);
     pooled = nullptr;
     request.impl->curl_handle = nullptr;
 }

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "engine/close_on_exec_socket.h"
+#include "engine/handle_renewal.h"
 #include "truststore/trust_locks.h"
 #include "truststore/truststore_internal.h"
 #include "truststore/truststore_paths.h"
@@ -47,7 +48,7 @@ private:
 };
 
 struct EasyCleanup {
-    void operator()(CURL* handle) const noexcept { curl_easy_cleanup(handle); }
+    void operator()(CURL* handle) const noexcept { webclient::cleanupEasyHandle(handle); }
 };
 using EasyHandle = std::unique_ptr<CURL, EasyCleanup>;
 
