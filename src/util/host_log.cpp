@@ -2,6 +2,7 @@
 // error as "<level> [<module>] <text>" ("debug <text>" for the host's
 // debug channel), or to a sink installed by a host or a test.
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdarg>
@@ -33,46 +34,50 @@ struct InstalledSink {
     int calls = 0;  // guarded by SinkSlot::mutex
 };
 
-// Made once and never destroyed: host threads may still log during exit().
+// Constant-initialized and trivially destroyed: no guard a fork could leave
+// half-taken, and host threads may still log during exit().
 struct SinkSlot {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // held only for a few stores
     pthread_cond_t callEnded = PTHREAD_COND_INITIALIZER;
     // Guarded by mutex; atomic for the fork handler, which reads it without.
     std::atomic<InstalledSink*> current{nullptr};
+    // The process whose threads the mutex and call counts belong to; 0 until
+    // the fork handler is registered.
+    std::atomic<pid_t> owner{0};
 };
+
+SinkSlot g_slot;
 
 // The sink this thread is running: replacing the sink from there would wait
 // for the very call it is made from, and a line the sink logs itself goes
 // to standard error.
 thread_local InstalledSink* t_running = nullptr;
 
-// For the fork handler, which must not wait for the slot's construction.
-std::atomic<SinkSlot*> g_forkSlot{nullptr};
-
 // The child has one thread: the mutex may have been held at the fork by a
 // thread it does not have, calls other threads were making will never end,
 // and a waiting replacement is gone. Plain stores only, as between fork()
-// and exec(). No handler runs before the fork: other fork handlers, which
-// may log, run on either side of it and must find the mutex free.
+// and exec(). Runs again from sinkSlot() when a fork handler registered
+// before ours logs: the child still has one thread then.
 void afterForkInChild() {
-    SinkSlot* slot = g_forkSlot.load();
-    if (slot == nullptr) return;
+    SinkSlot* slot = &g_slot;
     static const pthread_mutex_t freshMutex = PTHREAD_MUTEX_INITIALIZER;
     static const pthread_cond_t freshCondition = PTHREAD_COND_INITIALIZER;
     slot->mutex = freshMutex;
     slot->callEnded = freshCondition;
     InstalledSink* current = slot->current.load();
     if (current != nullptr) current->calls = (t_running == current) ? 1 : 0;
+    slot->owner.store(getpid());
 }
 
 SinkSlot& sinkSlot() {
-    static SinkSlot* const slot = [] {
-        SinkSlot* made = new SinkSlot();
-        g_forkSlot.store(made);
+    pid_t self = getpid();
+    pid_t owner = g_slot.owner.load();
+    if (owner == 0 && g_slot.owner.compare_exchange_strong(owner, self)) {
         pthread_atfork(nullptr, nullptr, afterForkInChild);
-        return made;
-    }();
-    return *slot;
+        owner = self;
+    }
+    if (owner != self) afterForkInChild();  // our fork handler has not run yet
+    return g_slot;
 }
 
 // Waits run to their end: a cancellation inside one would leave a call in
