@@ -60,25 +60,24 @@ struct ProcessStat {
 
 bool sameProcess(const ProcessStat& a, const ProcessStat& b) { return a.pid == b.pid && a.started == b.started; }
 
-// "pid (comm) state ppid ... starttime ...": comm may hold spaces and
-// parentheses, so the fields are counted after the last ')'.
-// Read with a close-on-exec descriptor: a host thread may fork and exec
-// at any moment, and its child must not inherit the library's files.
-std::string firstLineOf(const std::string& path) {
+// Read whole, with a close-on-exec descriptor: a host thread may fork and
+// exec at any moment, and its child must not inherit the library's files.
+std::string contentsOf(const std::string& path) {
     struct Closer {
         void operator()(FILE* file) const noexcept { (void)std::fclose(file); }
     };
     std::unique_ptr<FILE, Closer> file(std::fopen(path.c_str(), "re"));
-    std::string line;
-    if (!file) return line;
-    for (int c = std::getc(file.get()); c != EOF && c != '\n'; c = std::getc(file.get())) {
-        line.push_back(static_cast<char>(c));
-    }
-    return line;
+    std::string contents;
+    if (!file) return contents;
+    for (int c = std::getc(file.get()); c != EOF; c = std::getc(file.get())) contents.push_back(static_cast<char>(c));
+    return contents;
 }
 
+// "pid (comm) state ppid ... starttime ...": comm may hold spaces,
+// parentheses and even a line break, so the fields are counted after the
+// last ')'.
 bool readProcessStat(const char* pidText, ProcessStat& stat) {
-    const std::string line = firstLineOf(std::string("/proc/") + pidText + "/stat");
+    const std::string line = contentsOf(std::string("/proc/") + pidText + "/stat");
     const size_t close = line.rfind(')');
     if (close == std::string::npos) return false;
     std::istringstream fields(line.substr(close + 1));
