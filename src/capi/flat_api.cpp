@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "util/log.h"
+#include "util/whole_sleep.h"
 #include "webclient/web_client.h"
 #include "webclient/webRequestcontroller.h"
 
@@ -217,7 +218,7 @@ int webClientDownload(const char* url, const char* user, const char* password, c
 void initCurlBackEnd() {
     try {
         WebRequestManager::getInstance()->initBackEnd();
-        sleep(kBackendSettleSeconds);
+        webclient::sleepWholeSeconds(kBackendSettleSeconds);
     } catch (const WebException& e) {
         debug("initCurlBackEnd : %s", e.what());
     }

@@ -16,10 +16,10 @@
 #include "engine/web_request_impl.h"
 #include "engine/yield_wait.h"
 #include "util/callback_barrier.h"
-#include "util/host_signals.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
 #include "util/thread_holds.h"
+#include "util/whole_sleep.h"
 #include "webclient/exception.h"
 #include "webclient/host.h"
 
@@ -536,11 +536,7 @@ void WebRequestManager::initBackEnd() {
         utilities::lock::lock_guard lifecycleGuard(&controller->lifecycle_mutex);
         if (controller->running.exchange(true)) return;
         WC_LOG_DEBUG("will start the backend download threads ");
-        int error = 0;
-        {
-            webclient::HostSignalsBlocked inheritedByTheThread;
-            error = pthread_create(&controller->thread, nullptr, &WebRequestController::run, controller);
-        }
+        int error = pthread_create(&controller->thread, nullptr, &WebRequestController::run, controller);
         if (error != 0) {
             WC_LOG_ERROR("startBackend create pthread failed %d", error);
             exit(-1);
@@ -549,10 +545,7 @@ void WebRequestManager::initBackEnd() {
         (void)pthread_setname_np(controller->thread, "webclient-xfer");
     }
     WC_LOG_DEBUG("wait for the webclient start");
-    // The whole settling time, even when a host's signal ends a sleep early.
-    timespec left{static_cast<time_t>(kStartupSettleSeconds), 0};
-    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
+    webclient::sleepWholeSeconds(kStartupSettleSeconds);
 }
 
 void WebRequestManager::stopBackEnd() {

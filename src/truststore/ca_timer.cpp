@@ -30,7 +30,6 @@
 
 #include "truststore/trust_locks.h"
 #include "truststore/truststore_internal.h"
-#include "util/host_signals.h"
 #include "util/log.h"
 #include "webclient/ca_bundle.h"
 
@@ -118,7 +117,6 @@ bool startRelay(CaBundleManager* manager) {
     g_relayOwner = manager;
     if (g_relayThread != nullptr) return true;
     try {
-        webclient::HostSignalsBlocked inheritedByTheThread;
         g_relayThread = new std::thread(relayLoop, g_relayReadFd);
     } catch (const std::exception&) {  // no thread or no memory: no expiry
         return false;

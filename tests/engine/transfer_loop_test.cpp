@@ -2,18 +2,14 @@
 // quiet, and sockets numbered above 1023 are watched like any other.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <memory>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -111,38 +107,4 @@ TEST(TransferLoop, ClosingAStreamingTransferDoesNotStallAQuietOne) {
         EXPECT_EQ(held.impl->result, CURLE_OK);
         EXPECT_EQ(answer.text, "stalled");
     }
-}
-
-namespace {
-
-// The signals blocked by the thread called `name`, from /proc.
-unsigned long long blockedSignalsOfThread(const std::string& name) {
-    DIR* tasks = opendir("/proc/self/task");
-    unsigned long long blocked = 0;
-    while (dirent* task = tasks ? readdir(tasks) : nullptr) {
-        const std::string dir = std::string("/proc/self/task/") + task->d_name;
-        std::ifstream comm(dir + "/comm");
-        std::string threadName;
-        if (!std::getline(comm, threadName) || threadName != name) continue;
-        std::ifstream status(dir + "/status");
-        for (std::string line; std::getline(status, line);) {
-            if (line.rfind("SigBlk:", 0) == 0) blocked = std::stoull(line.substr(7), nullptr, 16);
-        }
-    }
-    if (tasks) closedir(tasks);
-    return blocked;
-}
-
-bool blocks(unsigned long long mask, int signo) { return (mask >> (signo - 1)) & 1ULL; }
-
-}  // namespace
-
-TEST(TransferLoop, TheTransferThreadLeavesTheHostsSignalsToTheHost) {
-    // A handler without SA_RESTART run on the transfer thread would cut its
-    // writes to a download's stream short; faults still reach the thread.
-    const unsigned long long mask = blockedSignalsOfThread("webclient-xfer");
-    for (int hostSignal : {SIGALRM, SIGCHLD, SIGUSR1, SIGTERM, SIGRTMIN + 2}) {
-        EXPECT_TRUE(blocks(mask, hostSignal)) << hostSignal;
-    }
-    for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGPIPE}) EXPECT_FALSE(blocks(mask, fault)) << fault;
 }
