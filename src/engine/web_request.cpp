@@ -250,11 +250,11 @@ bool endsSeeOtherAnswer(WebRequest& request, const char* data, int count) {
     const std::string_view line(data, static_cast<size_t>(count));
     if (startsWithNoCase(line, "HTTP/")) {
         state.answer_names_location = false;  // a new answer (after a 1xx or a followed hop)
-    } else if (startsWithNoCase(line, "Location:")) {
+    } else if (constexpr std::string_view kLocation = "Location:"; startsWithNoCase(line, kLocation)) {
         // libcurl takes the first Location that is not blank (isspace): a
         // later one, even an empty one, does not undo it.
         state.answer_names_location = state.answer_names_location ||
-                                      line.find_first_not_of(" \t\r\n\v\f", 9) != std::string_view::npos;
+                                      line.find_first_not_of(" \t\r\n\v\f", kLocation.size()) != std::string_view::npos;
     }
     if ((line != "\r\n" && line != "\n") || !state.answer_names_location) return false;
     long status = 0;
