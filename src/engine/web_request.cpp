@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <string_view>
 
 #include <openssl/x509.h>
@@ -55,10 +56,15 @@ bool isLocalHttpsUrl(const std::string& url) {
     return url.find('@') >= authorityEnd;
 }
 
-// "[url] reason: not sent"; megabytes of URL make no log line.
-void logNotSent(const WebRequest& request, const char* reason) {
+// "[url] reason: not sent"; megabytes of URL make no log line. Never
+// throws: the constructor calls it once it owns the request's parts.
+void logNotSent(const WebRequest& request, const char* reason) noexcept {
     const bool urlTooLong = request.url.size() > webclient::kMaxOptionText;
-    WC_LOG_ERROR("[%s] %s: not sent", urlTooLong ? "..." : request.getPrintableUrl().c_str(), reason);
+    try {
+        WC_LOG_ERROR("[%s] %s: not sent", urlTooLong ? "..." : request.getPrintableUrl().c_str(), reason);
+    } catch (const std::bad_alloc&) {
+        WC_LOG_ERROR("[...] %s: not sent", reason);
+    }
 }
 
 // An easy handle that ran curl_easy_perform keeps a multi handle of its
