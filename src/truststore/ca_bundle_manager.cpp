@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "truststore/trust_locks.h"
@@ -63,14 +64,25 @@ void releaseReadHold(pthread_rwlock_t& lock) {
     std::fprintf(stderr, "UNLOCK gettid(): %d\n", current_thread_id());
 }
 
-// The path as read under a hold; a copy that throws gives the hold back.
-std::string copyHeldPath(const std::string& path, pthread_rwlock_t& lock) {
+// Nothing may be thrown to GetCaFile's callers; a path that cannot be
+// copied reads as empty.
+std::string copyOrEmpty(const std::string& path) noexcept {
     try {
         return path;
-    } catch (...) {
-        releaseReadHold(lock);
-        throw;
+    } catch (const std::bad_alloc&) {
+        return std::string();
     }
+}
+
+// The path as read under a hold. One that cannot be copied gives the hold
+// back and reads as no CA file; the caller counts holds by its thread's.
+std::string copyHeldPath(const std::string& path, pthread_rwlock_t& lock) noexcept {
+    std::string copy = copyOrEmpty(path);
+    if (copy.empty() && !path.empty()) {
+        releaseReadHold(lock);
+        WC_LOG_ERROR(" cannot hold the CA file: no memory for its path");
+    }
+    return copy;
 }
 
 bool fileExists(const std::string& path) {
@@ -117,7 +129,7 @@ std::string CaBundleManager::GetCaFile() {
         return copyHeldPath(ca_file, file_lock);
     }
     // The refresh takes file_lock for writing: our own hold must go first.
-    const std::string missing = ca_file;
+    const std::string missing = copyOrEmpty(ca_file);
     releaseReadHold(file_lock);
     WC_LOG_INFO(" Do not get CaFile at: %s", missing.c_str());
     DownloadTask();
