@@ -31,7 +31,7 @@ outdir=$(dirname -- "$output")
 # came between the two would leave the file in the CA directory for good.
 tmp=
 trap '[ -z "$tmp" ] || rm -f "$tmp"' EXIT
-trap 'exit 1' HUP INT TERM
+trap 'exit 1' HUP INT PIPE TERM
 tmp=$(mktemp "$outdir/.ca-bundle.XXXXXX" </dev/null) || fail "cannot create a temporary file in $outdir"
 
 # Only ROOT_SIGNING_CERT is trusted: the default CA file, directory and

@@ -8,12 +8,14 @@
 // diagnostics go to stderr.
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <filesystem>
 #include <initializer_list>
@@ -24,6 +26,7 @@
 #include "truststore/truststore_internal.h"
 #include "truststore/truststore_paths.h"
 #include "truststore/unique_fd.h"
+#include "util/callback_barrier.h"
 #include "util/log.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/popen3.h"
@@ -174,17 +177,28 @@ constexpr int kTerminateGraceMs = 1000;
 
 // The shipped script makes its temporary file as ".ca-bundle.XXXXXX" beside
 // the CA file and removes it when asked to end; a script killed after the
-// grace period, or whose mktemp was ended between making the file and
-// naming it, leaves it on the flash for good. Extractions run one at a time
-// (under the CA file's write lock), so such a file is always a leftover.
-void removeLeftoverTemporaryFiles(std::string const& output) {
+// grace period, one whose mktemp was ended between making the file and
+// naming it, or one ended with its host (a kill, a power cut) leaves it on
+// the flash for good. Only files last written longer ago than `ageSeconds`
+// go: another process's extraction may be running beside this one's.
+void removeLeftoverTemporaryFiles(std::string const& output, time_t ageSeconds) {
     namespace fs = std::filesystem;
+    const time_t now = std::time(nullptr);
     std::error_code listing;
     for (fs::directory_iterator entry(fs::path(output).parent_path(), listing), end; !listing && entry != end;
          entry.increment(listing)) {
+        struct stat info;
+        if (entry->path().filename().string().rfind(".ca-bundle.", 0) != 0) continue;
+        if (::lstat(entry->path().c_str(), &info) != 0 || now - info.st_mtime < ageSeconds) continue;
         std::error_code ignored;
-        if (entry->path().filename().string().rfind(".ca-bundle.", 0) == 0) fs::remove(entry->path(), ignored);
+        fs::remove(entry->path(), ignored);
     }
+}
+
+// No extraction, in this process or another, runs longer than its limit
+// and grace; twice that leaves room for a slow start.
+time_t staleTemporaryFileAge() {
+    return static_cast<time_t>(2 * (truststore_paths::kExtractScriptTimeoutMs + kTerminateGraceMs) / 1000);
 }
 
 std::string extractCommand(std::string const& bundle, std::string const& output) {
@@ -192,22 +206,28 @@ std::string extractCommand(std::string const& bundle, std::string const& output)
            bundle + " " + output;
 }
 
-}  // namespace
+// Reads the child's two streams into the buffers until it exits or the
+// deadline passes (false then).
+bool collectOutput(pid_t pid, popen3_streams const& streams, char* outBuffer, char* errBuffer,
+                   Clock::time_point deadline, SeenExit& seenExit) {
+    StreamReader out(streams.child_out, outBuffer);
+    StreamReader err(streams.child_err, errBuffer);
+    return collectUntilExit(pid, out, err, deadline, seenExit);
+}
 
-int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& output) {
+int runExtraction(std::string const& bundle, std::string const& output) {
     const std::string command = extractCommand(bundle, output);
     const long long limitMs = truststore_paths::kExtractScriptTimeoutMs;
+    removeLeftoverTemporaryFiles(output, staleTemporaryFileAge());
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limitMs);
     popen3_streams streams = popen3(command.c_str());
     const pid_t pid = truststore::popen3_child_pid(streams);
-    if (pid == 0) return -1;
-
     char outBuffer[kOutputBufferSize] = {};
     char errBuffer[kOutputBufferSize] = {};
-    StreamReader out(streams.child_out, outBuffer);
-    StreamReader err(streams.child_err, errBuffer);
     SeenExit seenExit;
-    const bool finished = collectUntilExit(pid, out, err, deadline, seenExit);
+    // With no child there is nothing to read, but the report below still
+    // names the command that could not run, and pclose3 answers -1.
+    const bool finished = pid == 0 || collectOutput(pid, streams, outBuffer, errBuffer, deadline, seenExit);
     if (!finished) {
         WC_LOG_ERROR("[ExtractCa] %s still running after %lld ms, killed", command.c_str(), limitMs);
         truststore::endProcessTree(pid, kTerminateGraceMs);
@@ -217,7 +237,7 @@ int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& out
 
     const int status = pclose3(streams);
     (void)print_exit_code(status);
-    if (!finished) removeLeftoverTemporaryFiles(output);
+    if (!finished) removeLeftoverTemporaryFiles(output, 0);
     // A success pclose3 could not see for itself needs the seen exit; an
     // unknown verdict is no verification.
     if (finished && status == 0 && !(seenExit.seen && seenExit.status == 0)) {
@@ -227,4 +247,10 @@ int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& out
     // A script cut off at the deadline did not finish its job, even if the
     // shell itself had already exited.
     return (!finished && status == 0) ? SIGKILL : status;
+}
+
+}  // namespace
+
+int CaBundleManager::ExtractCa(std::string const& bundle, std::string const& output) {
+    return webclient::resultOrOnException("ExtractCa", -1, [&] { return runExtraction(bundle, output); });
 }

@@ -220,10 +220,19 @@ TEST_F(TrustStore, DownloadedBundleIsVerifiedExtractedAndHandedOver) {
 
     // A longer stale download must leave no bytes behind the new one.
     writeFileCreatingDirs(truststore_paths::kDownloadedBundle, std::string(64 * 1024, 'x'));
+    // An extraction ended with its host left its temporary file; a recent
+    // one may be another process's extraction under way.
+    const fs::path leftover = fs::path(kCaBundlePem).parent_path() / ".ca-bundle.old";
+    const fs::path recent = fs::path(kCaBundlePem).parent_path() / ".ca-bundle.new";
+    writeFileCreatingDirs(leftover.string(), "x");
+    writeFileCreatingDirs(recent.string(), "x");
+    fs::last_write_time(leftover, fs::file_time_type::clock::now() - std::chrono::hours(1));
     sandbox.serveBundle(good);
     // No CA file: the caller's thread refreshes (no handler: ready all the same).
     EXPECT_EQ(store.GetCaFile(), kCaBundlePem);
     store.PutCaFile();
+    EXPECT_FALSE(fs::exists(leftover));
+    EXPECT_TRUE(fs::exists(recent));
     EXPECT_EQ(sandbox.status(), 2);
     EXPECT_EQ(readWholeFile(kCaBundlePem), caPem);
     EXPECT_EQ(readWholeFile(truststore_paths::kDownloadedBundle), good);
