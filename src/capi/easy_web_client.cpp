@@ -60,6 +60,8 @@ EasyWebClient::~EasyWebClient() {
 void EasyWebClient::setupRequest(std::string const& url, std::string const& user,
                                  std::string const& password, std::string const& cookie,
                                  std::vector<std::string>& headers) {
+    // An object whose handle could not be made stays without one.
+    if (curl_handle == nullptr) return;
     curl_handle = webclient::handleForNextTransfer(curl_handle);
     if (curl_handle == nullptr) return;
     CURL* h = curl_handle;
