@@ -74,14 +74,12 @@ std::string copyOrEmpty(const std::string& path) noexcept {
     }
 }
 
-// The path as read under a hold. One that cannot be copied gives the hold
-// back and reads as no CA file; the caller counts holds by its thread's.
-std::string copyHeldPath(const std::string& path, pthread_rwlock_t& lock) noexcept {
+// The path as read under a hold, which stays taken whatever happens (the
+// caller gives it back with PutCaFile): one that cannot be copied reads as
+// no CA file.
+std::string copyHeldPath(const std::string& path) noexcept {
     std::string copy = copyOrEmpty(path);
-    if (copy.empty() && !path.empty()) {
-        releaseReadHold(lock);
-        WC_LOG_ERROR(" cannot hold the CA file: no memory for its path");
-    }
+    if (copy.empty() && !path.empty()) WC_LOG_ERROR(" no memory for the CA file's path; answered as none");
     return copy;
 }
 
@@ -126,7 +124,7 @@ std::string CaBundleManager::GetCaFile() {
     if (!takeReadHold(file_lock)) return std::string();
     if (fileExists(ca_file)) {
         WC_LOG_DEBUG(" Got CaFile");
-        return copyHeldPath(ca_file, file_lock);
+        return copyHeldPath(ca_file);
     }
     // The refresh takes file_lock for writing: our own hold must go first.
     const std::string missing = copyOrEmpty(ca_file);
@@ -134,7 +132,7 @@ std::string CaBundleManager::GetCaFile() {
     WC_LOG_INFO(" Do not get CaFile at: %s", missing.c_str());
     DownloadTask();
     if (!takeReadHold(file_lock)) return std::string();
-    return copyHeldPath(ca_file, file_lock);
+    return copyHeldPath(ca_file);
 }
 
 void CaBundleManager::PutCaFile() {

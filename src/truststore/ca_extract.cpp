@@ -15,10 +15,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <ctime>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <initializer_list>
+#include <new>
 #include <string>
 
 #include "truststore/child_process.h"
@@ -189,7 +191,8 @@ void removeLeftoverTemporaryFiles(std::string const& output, time_t ageSeconds) 
          entry.increment(listing)) {
         struct stat info;
         if (entry->path().filename().string().rfind(".ca-bundle.", 0) != 0) continue;
-        if (::lstat(entry->path().c_str(), &info) != 0 || now - info.st_mtime < ageSeconds) continue;
+        if (::lstat(entry->path().c_str(), &info) != 0) continue;
+        if (ageSeconds > 0 && now - info.st_mtime < ageSeconds) continue;
         std::error_code ignored;
         fs::remove(entry->path(), ignored);
     }
@@ -215,6 +218,40 @@ bool collectOutput(pid_t pid, popen3_streams const& streams, char* outBuffer, ch
     return collectUntilExit(pid, out, err, deadline, seenExit);
 }
 
+// Ends and reaps the child and closes its streams when the extraction is
+// left by an exception (memory running out while the process tree is
+// searched, say): a hung script must not outlive the refresh.
+class ChildGuard {
+public:
+    ChildGuard(popen3_streams& streams, pid_t pid) : streams_(streams), pid_(pid) {}
+    ChildGuard(const ChildGuard&) = delete;
+    ChildGuard& operator=(const ChildGuard&) = delete;
+    ~ChildGuard() {
+        if (pid_ == 0) return;
+        try {
+            truststore::endProcessTree(pid_, 0);
+        } catch (const std::bad_alloc&) {
+            // The search needs memory; the child itself can still be ended
+            // (only while it is still this process's, running or not).
+            siginfo_t info{};
+            if (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0) {
+                (void)::kill(pid_, SIGKILL);
+            }
+        }
+        (void)pclose3(streams_);
+    }
+
+    // The normal end: pclose3's wait status.
+    int close() {
+        pid_ = 0;
+        return pclose3(streams_);
+    }
+
+private:
+    popen3_streams& streams_;
+    pid_t pid_;
+};
+
 int runExtraction(std::string const& bundle, std::string const& output) {
     const std::string command = extractCommand(bundle, output);
     const long long limitMs = truststore_paths::kExtractScriptTimeoutMs;
@@ -222,11 +259,13 @@ int runExtraction(std::string const& bundle, std::string const& output) {
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limitMs);
     popen3_streams streams = popen3(command.c_str());
     const pid_t pid = truststore::popen3_child_pid(streams);
+    if (pid == 0) WC_LOG_ERROR("[ExtractCa] cannot start %s: %s", command.c_str(), std::strerror(errno));
+    ChildGuard child(streams, pid);
     char outBuffer[kOutputBufferSize] = {};
     char errBuffer[kOutputBufferSize] = {};
     SeenExit seenExit;
-    // With no child there is nothing to read, but the report below still
-    // names the command that could not run, and pclose3 answers -1.
+    // With no child there is nothing to read; the report below is made all
+    // the same, and pclose3 answers -1.
     const bool finished = pid == 0 || collectOutput(pid, streams, outBuffer, errBuffer, deadline, seenExit);
     if (!finished) {
         WC_LOG_ERROR("[ExtractCa] %s still running after %lld ms, killed", command.c_str(), limitMs);
@@ -235,7 +274,7 @@ int runExtraction(std::string const& bundle, std::string const& output) {
     WC_LOG_DEBUG("%s stdout: %s\n", command.c_str(), outBuffer);
     WC_LOG_DEBUG("%s stderr: %s\n", command.c_str(), errBuffer);
 
-    const int status = pclose3(streams);
+    const int status = child.close();
     (void)print_exit_code(status);
     if (!finished) removeLeftoverTemporaryFiles(output, 0);
     // A success pclose3 could not see for itself needs the seen exit; an
