@@ -99,6 +99,14 @@ grep -q "^download failed: received" "$err" || fail "a failed download was repor
 expect 0 "download with credentials" "$cli" download -u admin:pw -o "$dir/who.txt" "http://localhost:$port/whoami"
 [ "$(cat "$dir/who.txt")" = "Basic YWRtaW46cHc=" ] || fail "download -u sent no credentials"
 
+# The device's CA file, where there is one, is the program's own, with no
+# shipped fallback that a failed download could put over it. /mnt is a
+# scratch tmpfs in a private mount namespace here.
+certs=/mnt/flash/system/third_party/tranvik/sync/certs
+expect 0 "trust status beside a device CA file" unshare -m sh -c \
+  'mount -t tmpfs none /mnt && mkdir -p "$1" && echo pem > "$1/ca-bundle.pem" && "$0" trust status' "$cli" "$certs"
+grep -q "^CA file (here): *$certs/ca-bundle.pem$" "$out" || fail "the device's CA file was not adopted"
+grep -q "^shipped fallback (here): *no longer used$" "$out" || fail "the shipped bundle stayed a fallback"
 expect 0 "demo" "$cli" demo
 grep -q "demo finished: every step behaved as expected" "$out" || fail "demo"
 echo "cli: $failures failure(s)"

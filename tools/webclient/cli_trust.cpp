@@ -1,4 +1,6 @@
 // `webclient trust status|refresh`.
+#include <pthread.h>
+
 #include <cstdio>
 
 #include "cli_commands.h"
@@ -40,6 +42,21 @@ void printStatus(CaBundleManager& store) {
 }
 
 }  // namespace
+
+// The host keeps the device's CA file current. Unadopted, this process
+// would start as if none had ever been installed, and its first refresh
+// whose download failed (this program's download URL is fixed) would
+// extract the shipped bundle over the host's newer one.
+void adoptDeviceCaFile() {
+    if (!isFileExist(truststore_paths::kCaBundlePem)) return;
+    CaBundleManager& store = *CaBundleProvider::GetInstance();
+    pthread_rwlock_wrlock(&store.file_lock);
+    store.ca_file = truststore_paths::kCaBundlePem;
+    pthread_mutex_lock(&store.status_mutex);
+    store.use_default_bundle = false;
+    pthread_mutex_unlock(&store.status_mutex);
+    pthread_rwlock_unlock(&store.file_lock);
+}
 
 int runTrustCommand(const CliOptions& options) {
     CaBundleManager& store = *CaBundleProvider::GetInstance();
