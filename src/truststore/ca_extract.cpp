@@ -20,7 +20,6 @@
 #include <ctime>
 #include <filesystem>
 #include <initializer_list>
-#include <new>
 #include <string>
 
 #include "truststore/child_process.h"
@@ -220,7 +219,9 @@ bool collectOutput(pid_t pid, popen3_streams const& streams, char* outBuffer, ch
 
 // Ends and reaps the child and closes its streams when the extraction is
 // left by an exception (memory running out while the process tree is
-// searched, say): a hung script must not outlive the refresh.
+// searched, say). What the child started is found from the child, so a
+// script already handed to init (its shell ended by the time limit's
+// SIGTERM before the exception) lives on.
 class ChildGuard {
 public:
     ChildGuard(popen3_streams& streams, pid_t pid) : streams_(streams), pid_(pid) {}
@@ -230,13 +231,8 @@ public:
         if (pid_ == 0) return;
         try {
             truststore::endProcessTree(pid_, 0);
-        } catch (const std::bad_alloc&) {
-            // The search needs memory; the child itself can still be ended
-            // (only while it is still this process's, running or not).
-            siginfo_t info{};
-            if (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0) {
-                (void)::kill(pid_, SIGKILL);
-            }
+        } catch (...) {
+            truststore::killChild(pid_);  // the search needs memory; this does not
         }
         (void)pclose3(streams_);
     }

@@ -186,17 +186,17 @@ public:
         signalRoot(sig);
     }
 
-private:
-    // Whether the root is our child; `info` tells whether it has exited.
-    bool peekAtRoot(siginfo_t& info) const {
-        return waitid(P_PID, static_cast<id_t>(root_), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
-    }
-
     // Through the pidfd where there is one: it names our child even if the
     // host reaps it meanwhile.
     void signalRoot(int sig) const {
         if (rootFd_.valid() && (sendThroughPidFd(rootFd_.get(), sig) == 0 || errno != ENOSYS)) return;
         if (rootIsOurs()) (void)kill(root_, sig);
+    }
+
+private:
+    // Whether the root is our child; `info` tells whether it has exited.
+    bool peekAtRoot(siginfo_t& info) const {
+        return waitid(P_PID, static_cast<id_t>(root_), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
     }
 
     bool isKnown(const ProcessStat& process) const {
@@ -212,6 +212,11 @@ private:
 constexpr int kTickMs = 10;
 
 }  // namespace
+
+void killChild(pid_t root) {
+    const ProcessTree tree(root);
+    if (tree.rootIsOurs()) tree.signalRoot(SIGKILL);
+}
 
 // Asked first, so that a script can clean up after itself (the extraction
 // script removes its temporary file from the CA directory; a SIGKILL left
