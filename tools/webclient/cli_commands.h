@@ -21,9 +21,9 @@ private:
     bool started_;
 };
 
-// Makes the device's CA file, when there is one, this process's own, with
-// the shipped bundle no longer a fallback: a refresh whose download fails
-// then leaves the file alone.
-void adoptDeviceCaFile();
-int runTrustCommand(const CliOptions& options);
+// Makes the device's CA file, when there is one holding a certificate,
+// this process's own, with the shipped bundle no longer a fallback: a
+// refresh whose download fails then leaves the file alone. Whether it did.
+bool adoptDeviceCaFile();
+int runTrustCommand(const CliOptions& options, bool adopted);
 int runDemo(const CliOptions& options);

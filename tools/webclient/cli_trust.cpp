@@ -1,7 +1,12 @@
 // `webclient trust status|refresh`.
 #include <pthread.h>
+#include <sys/stat.h>
 
 #include <cstdio>
+#include <memory>
+
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 
 #include "cli_commands.h"
 #include "truststore/truststore_paths.h"
@@ -41,30 +46,57 @@ void printStatus(CaBundleManager& store) {
     std::printf("shipped fallback (here): %s\n", store.use_default_bundle ? "allowed" : "no longer used");
 }
 
+struct FileCloser {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+struct CertificateFree {
+    void operator()(X509* certificate) const { X509_free(certificate); }
+};
+
+// Whether OpenSSL can take a certificate from the file. Anything else (empty,
+// garbage, a directory) protects nothing newer, and the shipped bundle
+// should replace it.
+bool holdsACertificate(const char* path) {
+    struct stat info;
+    if (::stat(path, &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    const std::unique_ptr<FILE, FileCloser> file(std::fopen(path, "re"));
+    if (!file) return false;
+    const std::unique_ptr<X509, CertificateFree> first(PEM_read_X509(file.get(), nullptr, nullptr, nullptr));
+    return first != nullptr;
+}
+
 }  // namespace
 
 // The host keeps the device's CA file current. Unadopted, this process
 // would start as if none had ever been installed, and its first refresh
 // whose download failed (this program's download URL is fixed) would
 // extract the shipped bundle over the host's newer one.
-void adoptDeviceCaFile() {
-    if (!isFileExist(truststore_paths::kCaBundlePem)) return;
+bool adoptDeviceCaFile() {
+    const char* path = truststore_paths::kCaBundlePem;
+    if (!isFileExist(path)) return false;
+    if (!holdsACertificate(path)) {
+        std::fprintf(stderr, "webclient: the device's CA file %s holds no certificate; not adopted\n", path);
+        return false;
+    }
     CaBundleManager& store = *CaBundleProvider::GetInstance();
     pthread_rwlock_wrlock(&store.file_lock);
-    store.ca_file = truststore_paths::kCaBundlePem;
+    store.ca_file = path;
     pthread_mutex_lock(&store.status_mutex);
     store.use_default_bundle = false;
     pthread_mutex_unlock(&store.status_mutex);
     pthread_rwlock_unlock(&store.file_lock);
+    return true;
 }
 
-int runTrustCommand(const CliOptions& options) {
+int runTrustCommand(const CliOptions& options, bool adopted) {
     CaBundleManager& store = *CaBundleProvider::GetInstance();
     if (options.url == "refresh") {
         std::printf("refreshing the CA bundle...\n");
         refreshCaBundle();
     }
     printStatus(store);
-    if (options.url == "refresh") return currentStatus(store) == 2 ? kExitOk : kExitTransferFailed;
-    return kExitOk;
+    if (options.url != "refresh") return kExitOk;
+    if (currentStatus(store) == 2) return kExitOk;
+    if (adopted) std::printf("the refresh failed; the device's CA file was kept\n");
+    return kExitTransferFailed;
 }

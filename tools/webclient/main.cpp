@@ -31,8 +31,8 @@ int runCommand(int argc, char** argv) {
     }
     if (options.verbose) SetWebClientLogLevel(WEBCLIENT_LOG_DEBUG);
     if (options.verb == "demo") return runDemo(options);
-    adoptDeviceCaFile();
-    if (options.verb == "trust") return runTrustCommand(options);
+    const bool adopted = adoptDeviceCaFile();
+    if (options.verb == "trust") return runTrustCommand(options, adopted);
     // A reader that goes away (`| head`) makes writing the body fail with
     // status 2, as curl does, rather than killing the program.
     std::signal(SIGPIPE, SIG_IGN);
