@@ -5,7 +5,7 @@
 set -euo pipefail
 
 PACKAGES=(
-  cmake g++ make pkg-config openssl python3
+  cmake g++ make pkg-config openssl python3 locales
   libcurl4-openssl-dev libssl-dev libjson-c-dev
   googletest libgtest-dev libcpp-httplib-dev
   "$@"

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "util/ascii_case.h"
+
 namespace webclient {
 
 // [from, to) of the original text, shown as "***".
@@ -23,10 +25,7 @@ using MaskedRanges = std::vector<std::pair<size_t, size_t>>;
 
 // Query field names are matched without regard to case: a server that
 // reads "?Password=" is given the same secret as one that reads "?password=".
-inline std::string lowerCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
+inline std::string lowerCase(std::string text) { return asciiLowerCase(std::move(text)); }
 
 // The first `c` in [from, to), or npos.
 inline size_t findBetween(const std::string& text, char c, size_t from, size_t to) {

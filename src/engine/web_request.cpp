@@ -1,6 +1,5 @@
 // WebRequest: construction on a pooled handle, the common libcurl set-up,
 // data delivery, completion, waiting and tear-down.
-#include <strings.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include "engine/url_masking.h"
 #include "engine/web_request_impl.h"
 #include "engine/yield_wait.h"
+#include "util/ascii_case.h"
 #include "util/callback_barrier.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
@@ -244,7 +244,7 @@ int WebRequest::receiveDataInternal(const char* data, int count) {
 namespace {
 
 bool startsWithNoCase(std::string_view line, std::string_view prefix) {
-    return line.size() >= prefix.size() && strncasecmp(line.data(), prefix.data(), prefix.size()) == 0;
+    return line.size() >= prefix.size() && webclient::asciiEqualNoCase(line.substr(0, prefix.size()), prefix);
 }
 
 // Watches the header lines of a request that stops at a 303: true at the

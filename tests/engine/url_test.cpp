@@ -2,6 +2,7 @@
 // through the both-paths tests: 127.0.0.1 against localhost.)
 #include <gtest/gtest.h>
 
+#include "support/test_helpers.h"
 #include "webclient/web_request.h"
 
 TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
@@ -50,6 +51,12 @@ TEST(PrintableUrl, MasksPasswordsAndClientSecretsOnly) {
         {"http://[::1]:1/to/a:b@c", nullptr},
     };
     for (const auto& c : cases) EXPECT_EQ(get_printable_url(c.url), c.shown ? c.shown : c.url) << c.url;
+    {
+        // Field names match in ASCII whatever the host's locale.
+        TurkishLocale turkish;
+        ASSERT_TRUE(turkish.active());
+        for (const auto& c : cases) EXPECT_EQ(get_printable_url(c.url), c.shown ? c.shown : c.url) << "tr: " << c.url;
+    }
     // libcurl takes URLs of up to 8 MB, and every debug line prints one:
     // masking a URL full of "://" must not take minutes.
     std::string huge = "http://u:pw@h/?to=";

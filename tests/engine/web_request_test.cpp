@@ -161,6 +161,15 @@ TEST_P(Dispatch, RedirectedWritesArriveWhole) {
         const RecordedRequest seen = lastRequest(server);
         EXPECT_EQ(seen.method + " " + seen.body, code == 303 ? "GET " : "PUT streamed body") << code;
     }
+    {
+        // Header names match in ASCII whatever the host's locale.
+        TurkishLocale turkish;
+        ASSERT_TRUE(turkish.active());
+        WebRequest shouted(url("/redirect?code=303&upper=1&to=" + url("/echo")), "DELETE", false);
+        shouted.deleteAsync("", "", noHeaders, ignore, {});
+        ASSERT_EQ(shouted.wait(5000), 0);
+        EXPECT_EQ(lastRequest(server).path, "/redirect");
+    }
     // A 303 that names no other location is an ordinary answer, body and all.
     Collected answer;
     WebRequest unmoved(url("/status/303"), "PUT", false);

@@ -115,11 +115,13 @@ void TestServer::addStandardEndpoints() {
         res.set_content("status " + std::string(req.matches[1]), "text/plain");
     };
     server_->Get(R"(/status/(\d+))", status).Put(R"(/status/(\d+))", status);
-    // To "to", with the status "code" (302 when not given).
+    // To "to", with the status "code" (302 when not given); "upper" spells
+    // the header's name in capitals.
     auto redirect = [this](Request req, Response res) {
         record(req);
         const std::string code = req.get_param_value("code");
         res.set_redirect(req.get_param_value("to"), code.empty() ? 302 : std::stoi(code));
+        if (req.has_param("upper")) res.headers = {{"LOCATION", req.get_param_value("to")}};
         if (req.has_param("blank_too")) res.headers.emplace("Location", "");  // a second, empty one
     };
     server_->Get("/redirect", redirect).Put("/redirect", redirect).Patch("/redirect", redirect);

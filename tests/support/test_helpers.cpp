@@ -6,7 +6,9 @@
 #include <sys/syscall.h>
 
 #include <chrono>
+#include <clocale>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -16,6 +18,39 @@ std::string readWholeFile(const std::string& path) {
     std::ostringstream contents;
     contents << in.rdbuf();
     return contents.str();
+}
+
+namespace {
+
+// Made once per process, removed at exit.
+struct LocaleDirectory {
+    std::string path;
+    LocaleDirectory() {
+        char pattern[] = "/tmp/webclient-locale-XXXXXX";
+        if (mkdtemp(pattern) == nullptr) return;
+        path = pattern;
+        // localedef's warnings give a non-zero status too: setlocale tells.
+        const std::string command = "localedef -i tr_TR -f UTF-8 " + path + "/tr_TR.UTF-8 >/dev/null 2>&1";
+        const int status = std::system(command.c_str());
+        static_cast<void>(status);
+    }
+    ~LocaleDirectory() {
+        std::error_code ignored;
+        if (!path.empty()) std::filesystem::remove_all(path, ignored);
+    }
+};
+
+}  // namespace
+
+TurkishLocale::TurkishLocale() {
+    static const LocaleDirectory directory;
+    setenv("LOCPATH", directory.path.c_str(), 1);
+    active_ = std::setlocale(LC_ALL, "tr_TR.UTF-8") != nullptr;
+}
+
+TurkishLocale::~TurkishLocale() {
+    std::setlocale(LC_ALL, "C");
+    unsetenv("LOCPATH");
 }
 
 long completeGet(const std::string& url) {

@@ -100,6 +100,20 @@ struct QuietStderr : RedirectedDescriptor {
 // Reads a whole file; empty when it cannot be read.
 std::string readWholeFile(const std::string& path);
 
+// The process's locale switched to Turkish, where tolower('I') is not 'i',
+// for the object's life (made with localedef into a temporary directory).
+class TurkishLocale {
+public:
+    TurkishLocale();
+    ~TurkishLocale();
+    TurkishLocale(const TurkishLocale&) = delete;
+    TurkishLocale& operator=(const TurkishLocale&) = delete;
+    bool active() const { return active_; }
+
+private:
+    bool active_;
+};
+
 // Runs a GET to its end through WebRequest: the HTTP status, or -1 when the
 // wait ran out.
 long completeGet(const std::string& url);

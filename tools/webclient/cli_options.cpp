@@ -1,6 +1,5 @@
 #include "cli_options.h"
 
-#include <strings.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -151,7 +150,7 @@ bool hasHttpScheme(const std::string& url) {
     const size_t separator = url.find("://");
     if (separator == std::string::npos) return false;
     const std::string scheme = url.substr(0, separator);
-    return strcasecmp(scheme.c_str(), "http") == 0 || strcasecmp(scheme.c_str(), "https") == 0;
+    return webclient::asciiEqualNoCase(scheme, "http") || webclient::asciiEqualNoCase(scheme, "https");
 }
 
 bool checkVerbArguments(const CliOptions& options, std::string& error) {

@@ -1,7 +1,5 @@
 #include "cli_transfer.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +7,7 @@
 
 #include "cli_output_file.h"
 #include "cli_progress.h"
+#include "util/ascii_case.h"
 #include "webclient/webclient.h"
 
 namespace {
@@ -70,8 +69,7 @@ bool redirectCutShort(const Outcome& out) {
     if (out.headers.empty()) return true;
     size_t lastBlock = out.headers.rfind("\nHTTP/");
     lastBlock = lastBlock == std::string::npos ? 0 : lastBlock;
-    std::string block = out.headers.substr(lastBlock);
-    std::transform(block.begin(), block.end(), block.begin(), [](unsigned char c) { return std::tolower(c); });
+    const std::string block = webclient::asciiLowerCase(out.headers.substr(lastBlock));
     return block.find("\nlocation:") != std::string::npos;
 }
 
