@@ -14,6 +14,7 @@
 #include "truststore/truststore_internal.h"
 #include "truststore/truststore_paths.h"
 #include "util/log.h"
+#include "util/sigpipe_shield.h"
 #include "util/thread_holds.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/host.h"
@@ -47,7 +48,7 @@ bool takeReadHold(pthread_rwlock_t& lock) {
     }
     ++outstandingReadHolds();
     ++webclient::thisThreadHolds().ca_file_holds;
-    std::fprintf(stderr, "LOCK_RD gettid(): %d\n", current_thread_id());
+    webclient::printToStderr("LOCK_RD gettid(): %d\n", current_thread_id());
     return true;
 }
 
@@ -61,7 +62,7 @@ void releaseReadHold(pthread_rwlock_t& lock) {
     } while (!outstandingReadHolds().compare_exchange_weak(held, held - 1));
     --webclient::thisThreadHolds().ca_file_holds;
     (void)pthread_rwlock_unlock(&lock);  // the caller's own hold
-    std::fprintf(stderr, "UNLOCK gettid(): %d\n", current_thread_id());
+    webclient::printToStderr("UNLOCK gettid(): %d\n", current_thread_id());
 }
 
 // Nothing may be thrown to GetCaFile's callers; a path that cannot be

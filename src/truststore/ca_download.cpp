@@ -18,6 +18,7 @@
 #include "truststore/unique_fd.h"
 #include "util/callback_barrier.h"
 #include "util/log.h"
+#include "util/sigpipe_shield.h"
 #include "util/thread_holds.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/host.h"
@@ -76,7 +77,7 @@ bool downloadToBuffer(const std::string& url, DownloadBuffer& buffer) {
     CURLcode code = handle ? configureDownload(handle.get(), url, buffer) : CURLE_FAILED_INIT;
     if (code == CURLE_OK) code = curl_easy_perform(handle.get());
     if (code != CURLE_OK) {
-        std::fprintf(stderr, "curl_easy_perform() failed. code: %d message: %s\n", static_cast<int>(code),
+        webclient::printToStderr("curl_easy_perform() failed. code: %d message: %s\n", static_cast<int>(code),
                      curl_easy_strerror(code));
         return false;
     }

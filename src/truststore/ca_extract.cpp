@@ -29,6 +29,7 @@
 #include "truststore/unique_fd.h"
 #include "util/callback_barrier.h"
 #include "util/log.h"
+#include "util/sigpipe_shield.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/popen3.h"
 
@@ -48,7 +49,7 @@ constexpr int kExitCheckIntervalMs = 50;
 class LineCollector {
 public:
     LineCollector(char* buffer, int size, int fd) : buffer_(buffer), size_(size), fd_(fd) {
-        std::fprintf(stderr, "fd: %d\n", fd_);
+        webclient::printToStderr("fd: %d\n", fd_);
     }
 
     void append(const char* data, size_t length) {
@@ -62,10 +63,10 @@ public:
         // fgets_some's loop also fills a last byte of room with a NUL here,
         // but it sees the end of the stream before it could call it full.
         if (length_ > 0 && !full_) closeString(true);
-        std::fprintf(stderr, "fgets reach stream EOF\n");
+        webclient::printToStderr("fgets reach stream EOF\n");
     }
 
-    void readError() { std::fprintf(stderr, "fgets got an error: %d\n", 1); }
+    void readError() { webclient::printToStderr("fgets got an error: %d\n", 1); }
 
 private:
     int room() const { return size_ - start_; }
@@ -74,7 +75,7 @@ private:
         const size_t increase = static_cast<size_t>(length_) + 1;
         start_ += length_ + 1;
         length_ = 0;
-        std::fprintf(stderr, "fgets ok. increase: %zu remain: %d\n", increase, room());
+        webclient::printToStderr("fgets ok. increase: %zu remain: %d\n", increase, room());
         // fgets with a room of 1 stores just the NUL; that inner close
         // reports the full buffer itself.
         if (room() == 1) {
@@ -86,8 +87,8 @@ private:
 
     void markFull() {
         full_ = true;
-        std::fprintf(stderr, "Buffer full. Waste stream.\n");
-        std::fprintf(stderr, "fd: %d\n", fd_);
+        webclient::printToStderr("Buffer full. Waste stream.\n");
+        webclient::printToStderr("fd: %d\n", fd_);
     }
 
     char* buffer_;

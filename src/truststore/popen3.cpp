@@ -156,7 +156,7 @@ int waitForChild(pid_t pid) {
     int status = 0;
     while (waitpid(pid, &status, 0) == -1) {
         const int error = errno;  // the report below may overwrite it (a closed stderr)
-        std::fprintf(stderr, "waitpid once\n");
+        webclient::printToStderr("waitpid once\n");
         if (error != EINTR) break;
     }
     return status;

@@ -20,7 +20,7 @@ int readLines(char* buffer, int size, FILE* stream) {
         const size_t increase = strnlen_s_helper(position, static_cast<size_t>(room)) + 1;
         position += increase;
         room -= static_cast<int>(increase);
-        std::fprintf(stderr, "fgets ok. increase: %zu remain: %d\n", increase, room);
+        webclient::printToStderr("fgets ok. increase: %zu remain: %d\n", increase, room);
     }
     return room;
 }
@@ -29,20 +29,20 @@ int readLines(char* buffer, int size, FILE* stream) {
 
 extern "C" int fgets_some(char* buffer, int size, FILE* stream) {
     if (stream == nullptr) return 1;
-    std::fprintf(stderr, "fd: %d\n", fileno(stream));
+    webclient::printToStderr("fd: %d\n", fileno(stream));
     if (size > 0) (void)memset_s_helper(buffer, static_cast<size_t>(size), 0, static_cast<size_t>(size));
     const int room = readLines(buffer, size, stream);
     if (std::feof(stream)) {
-        std::fprintf(stderr, "fgets reach stream EOF\n");
+        webclient::printToStderr("fgets reach stream EOF\n");
         return 0;
     }
     if (std::ferror(stream)) {
         const int error = std::ferror(stream);
-        std::fprintf(stderr, "fgets got an error: %d\n", error);
+        webclient::printToStderr("fgets got an error: %d\n", error);
         return error;
     }
     if (room == 0) {
-        std::fprintf(stderr, "Buffer full. Waste stream.\n");
+        webclient::printToStderr("Buffer full. Waste stream.\n");
         // The child must never block on a full pipe.
         (void)waste_stream(stream);
     }
@@ -51,14 +51,14 @@ extern "C" int fgets_some(char* buffer, int size, FILE* stream) {
 
 extern "C" int waste_stream(FILE* stream) {
     if (stream == nullptr) return 1;
-    std::fprintf(stderr, "fd: %d\n", fileno(stream));
+    webclient::printToStderr("fd: %d\n", fileno(stream));
     char discard[256];
     while (std::fgets(discard, sizeof discard, stream) != nullptr) {
     }
     if (std::feof(stream)) {
-        std::fprintf(stderr, "fgets reach stream EOF\n");
+        webclient::printToStderr("fgets reach stream EOF\n");
     } else if (std::ferror(stream)) {
-        std::fprintf(stderr, "fgets got an error: %d\n", std::ferror(stream));
+        webclient::printToStderr("fgets got an error: %d\n", std::ferror(stream));
     }
     return 0;
 }
@@ -78,9 +78,9 @@ extern "C" int strings_to_stream(FILE* stream, char* buffer, size_t length) {
 
 extern "C" int print_exit_code(int status) {
     if ((status & 0x7f) == 0) {
-        std::fprintf(stderr, "Exit code: %i\n", (status >> 8) & 0xff);
+        webclient::printToStderr("Exit code: %i\n", (status >> 8) & 0xff);
         return 0;
     }
-    std::fprintf(stderr, "Process does not exit normally!\n");
+    webclient::printToStderr("Process does not exit normally!\n");
     return 1;
 }

@@ -6,18 +6,20 @@
 #include <cstdio>
 #include <ctime>
 
+#include "util/sigpipe_shield.h"
+
 namespace truststore {
 
 int current_thread_id() noexcept { return static_cast<int>(gettid()); }
 
 Lock::Lock(pthread_mutex_t& mutex) noexcept : mutex_(mutex), owns_(true) {
-    std::fprintf(stderr, "%s\n", "Lock");
+    webclient::printToStderr("%s\n", "Lock");
     // A lock that cannot be taken must not be released later.
     if (pthread_mutex_lock(&mutex_) != 0) owns_ = false;
 }
 
 Lock::~Lock() noexcept {
-    std::fprintf(stderr, "%s\n", "~Lock");
+    webclient::printToStderr("%s\n", "~Lock");
     if (owns_) (void)pthread_mutex_unlock(&mutex_);
 }
 
@@ -42,12 +44,12 @@ int takeWriteLock(pthread_rwlock_t* rwlock, long giveUpAfterMs) {
 }  // namespace
 
 LockWrite::LockWrite(pthread_rwlock_t* rwlock, long giveUpAfterMs) noexcept : rwlock_(rwlock), owns_(true) {
-    std::fprintf(stderr, "%s gettid(): %d\n", "LockWrite", current_thread_id());
+    webclient::printToStderr("%s gettid(): %d\n", "LockWrite", current_thread_id());
     if (takeWriteLock(rwlock_, giveUpAfterMs) != 0) owns_ = false;
 }
 
 LockWrite::~LockWrite() noexcept {
-    std::fprintf(stderr, "%s gettid(): %d\n", "~LockWrite", current_thread_id());
+    webclient::printToStderr("%s gettid(): %d\n", "~LockWrite", current_thread_id());
     if (owns_) (void)pthread_rwlock_unlock(rwlock_);
 }
 

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "util/lock_guard.h"
+#include "util/sigpipe_shield.h"
 #include "webclient/host.h"
 
 namespace {
@@ -144,9 +145,9 @@ std::string formatText(const char* format, va_list args) {
 
 void writeToStderr(int level, int module, const std::string& text) {
     if (module == kHostDebugModule) {
-        std::fprintf(stderr, "debug %s\n", text.c_str());
+        webclient::printToStderr("debug %s\n", text.c_str());
     } else {
-        std::fprintf(stderr, "%s [%d] %s\n", levelName(level), module, text.c_str());
+        webclient::printToStderr("%s [%d] %s\n", levelName(level), module, text.c_str());
     }
 }
 
@@ -216,7 +217,7 @@ extern "C" void debug(const char* format, ...) {
 
 void SetWebClientLogSink(WebClientLogSink sink) {
     if (t_running != nullptr) {
-        std::fprintf(stderr, "SetWebClientLogSink called from inside the log sink: ignored\n");
+        webclient::printToStderr("SetWebClientLogSink called from inside the log sink: ignored\n");
         return;
     }
     std::unique_ptr<InstalledSink> next(sink ? new InstalledSink(std::move(sink)) : nullptr);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "util/sigpipe_shield.h"
 #include "webclient/host.h"
 
 namespace {
@@ -123,6 +124,7 @@ void SetSalSend(SalSendFunction sender) {
 extern "C" void print_back_trace(void) {
     void* frames[64];
     int count = backtrace(frames, 64);
+    webclient::SigpipeShield shield;  // standard error may be a pipe with no reader left
     backtrace_symbols_fd(frames, count, STDERR_FILENO);
 }
 

@@ -3,6 +3,8 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <ctime>
 
 namespace webclient {
@@ -40,6 +42,18 @@ SigpipeShield::~SigpipeShield() {
         pthread_sigmask(SIG_UNBLOCK, &pipeOnly, nullptr);
     }
     errno = guardedErrno != 0 ? guardedErrno : callerErrno_;
+}
+
+void printToStderr(const char* format, ...) {
+    const int callerErrno = errno;
+    {
+        SigpipeShield shield;
+        va_list arguments;
+        va_start(arguments, format);
+        std::vfprintf(stderr, format, arguments);
+        va_end(arguments);
+    }
+    errno = callerErrno;
 }
 
 }  // namespace webclient

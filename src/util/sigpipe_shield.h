@@ -27,4 +27,9 @@ private:
     bool shielding_ = false;
 };
 
+// printf to standard error under a SigpipeShield, errno left as it was:
+// where standard error is a pipe whose reader has gone (a log collector
+// restarted), the line is lost rather than the host.
+void printToStderr(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 }  // namespace webclient

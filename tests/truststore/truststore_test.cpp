@@ -108,6 +108,23 @@ TEST(Popen3, CapturesOutputAsBoundedLinesAndTheExitStatus) {
     std::vector<char> lines(10000, 'x');
     EXPECT_EQ(strings_to_stream(deaf.child_in, lines.data(), lines.size()), 0);
     EXPECT_EQ(pclose3(deaf), 0);
+
+    // Nor a standard error whose reader has gone (a log collector that was
+    // restarted): the diagnostics are lost, not the host.
+    waitUntilOtherThreadsSleep();
+    const pid_t host = fork();
+    if (host == 0) {
+        alarm(10);
+        signal(SIGPIPE, SIG_DFL);
+        int ends[2];
+        if (pipe(ends) != 0 || close(ends[0]) != 0 || dup2(ends[1], STDERR_FILENO) < 0) _exit(2);
+        (void)print_exit_code(0);
+        (void)print_exit_code(-1);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(host, &status, 0), host);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "ended by signal " << WTERMSIG(status);
 }
 
 TEST_F(TrustStore, FailedFloodingOrHungScriptFailsTheRefreshAndIsReaped) {
