@@ -17,9 +17,11 @@ int openPidFd(pid_t pid);
 // child of a shell that has exited) is out of reach.
 void endProcessTree(pid_t root, int graceMs);
 
-// SIGKILL for `root` alone, an unreaped child of this process, and never
-// for a process given its pid after the host reaped it. Allocates nothing:
-// for where endProcessTree could not run for want of memory.
+// SIGKILL for `root` alone, if it is still an unreaped child of this
+// process: through a pidfd opened before that check where the kernel gives
+// one (so a reap by the host right after it cannot turn the signal onto a
+// stranger), else by pid right after it. Allocates nothing: for where
+// endProcessTree could not run for want of memory.
 void killChild(pid_t root);
 
 }  // namespace truststore

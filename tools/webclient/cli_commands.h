@@ -21,7 +21,7 @@ private:
     bool started_;
 };
 
-// Makes the device's CA file, when there is one holding a certificate,
+// Makes the device's CA file, when there is one the TLS set-up can load,
 // this process's own, with the shipped bundle no longer a fallback: a
 // refresh whose download fails then leaves the file alone. Whether it did.
 bool adoptDeviceCaFile();

@@ -1,10 +1,13 @@
 // `webclient trust status|refresh`.
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
 
+#include <openssl/bio.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
@@ -46,23 +49,43 @@ void printStatus(CaBundleManager& store) {
     std::printf("shipped fallback (here): %s\n", store.use_default_bundle ? "allowed" : "no longer used");
 }
 
-struct FileCloser {
-    void operator()(FILE* file) const { std::fclose(file); }
+struct BioFree {
+    void operator()(BIO* bio) const { BIO_free(bio); }
 };
-struct CertificateFree {
-    void operator()(X509* certificate) const { X509_free(certificate); }
+struct InfoStackFree {
+    void operator()(STACK_OF(X509_INFO) * infos) const { sk_X509_INFO_pop_free(infos, X509_INFO_free); }
 };
 
-// Whether OpenSSL can take a certificate from the file. Anything else (empty,
-// garbage, a directory) protects nothing newer, and the shipped bundle
-// should replace it.
-bool holdsACertificate(const char* path) {
+// A regular file, opened without waiting (a FIFO put in its place must not
+// hang the program), as a BIO that owns it; null otherwise.
+std::unique_ptr<BIO, BioFree> openRegularFile(const char* path) {
+    const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return nullptr;
     struct stat info;
-    if (::stat(path, &info) != 0 || !S_ISREG(info.st_mode)) return false;
-    const std::unique_ptr<FILE, FileCloser> file(std::fopen(path, "re"));
-    if (!file) return false;
-    const std::unique_ptr<X509, CertificateFree> first(PEM_read_X509(file.get(), nullptr, nullptr, nullptr));
-    return first != nullptr;
+    FILE* file = (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) ? ::fdopen(fd, "r") : nullptr;
+    if (file == nullptr) {
+        ::close(fd);
+        return nullptr;
+    }
+    std::unique_ptr<BIO, BioFree> bio(BIO_new_fp(file, BIO_CLOSE));
+    if (!bio) std::fclose(file);
+    return bio;
+}
+
+// Whether the library's TLS set-up can load the file: read as it reads a CA
+// file, every block must parse and one must be a certificate. Anything else
+// (empty, garbage, cut short, a directory) protects nothing newer, and the
+// shipped bundle should replace it.
+bool loadsAsCaFile(const char* path) {
+    const std::unique_ptr<BIO, BioFree> bio = openRegularFile(path);
+    if (!bio) return false;
+    const std::unique_ptr<STACK_OF(X509_INFO), InfoStackFree> infos(
+        PEM_X509_INFO_read_bio(bio.get(), nullptr, nullptr, nullptr));
+    if (!infos) return false;
+    for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i) {
+        if (sk_X509_INFO_value(infos.get(), i)->x509 != nullptr) return true;
+    }
+    return false;
 }
 
 }  // namespace
@@ -74,8 +97,8 @@ bool holdsACertificate(const char* path) {
 bool adoptDeviceCaFile() {
     const char* path = truststore_paths::kCaBundlePem;
     if (!isFileExist(path)) return false;
-    if (!holdsACertificate(path)) {
-        std::fprintf(stderr, "webclient: the device's CA file %s holds no certificate; not adopted\n", path);
+    if (!loadsAsCaFile(path)) {
+        std::fprintf(stderr, "webclient: the device's CA file %s cannot be loaded; not adopted\n", path);
         return false;
     }
     CaBundleManager& store = *CaBundleProvider::GetInstance();
