@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "util/log.h"
+#include "util/standard_descriptors.h"
 #include "util/whole_sleep.h"
 #include "webclient/web_client.h"
 #include "webclient/webRequestcontroller.h"
@@ -175,6 +176,7 @@ int downloadToFile(const char* url, const char* user, const char* password, cons
     param.headers = header_array_to_vector(headers);
     // "e": close-on-exec, so a program the host starts meanwhile does not
     // keep the half-written file open.
+    webclient::occupyFreeStandardDescriptors();
     FILE* stream = fopen(filePath, "w+e");
     if (stream == nullptr) {
         WC_LOG_ERROR("[webClientDownloa] failed to open file %s", filePath);

@@ -18,6 +18,7 @@
 #include "util/callback_barrier.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
+#include "util/standard_descriptors.h"
 #include "util/thread_holds.h"
 #include "util/whole_sleep.h"
 #include "webclient/exception.h"
@@ -113,10 +114,16 @@ int curlEventsOf(short revents) {
     return mask;
 }
 
+// Opened first of the backend's descriptors, before libcurl's own.
+int openWakeDescriptor() {
+    webclient::occupyFreeStandardDescriptors();
+    return eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+}
+
 }  // namespace
 
 WebRequestController::WebRequestController()
-    : multi(nullptr), thread(0), running(false), wake_fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+    : multi(nullptr), thread(0), running(false), wake_fd(openWakeDescriptor()),
       work_notices(0), sleeping(false), polling(false), pump_idle(true), pass_notices(0),
       last_wait_short(true), last_idle_short(true), socket_generations(0), timer_due_ms(-1), closed(false) {
     // Default attributes: callers' add and remove do not starve, because the

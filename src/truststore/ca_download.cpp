@@ -19,6 +19,7 @@
 #include "util/callback_barrier.h"
 #include "util/log.h"
 #include "util/sigpipe_shield.h"
+#include "util/standard_descriptors.h"
 #include "util/thread_holds.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/host.h"
@@ -90,6 +91,7 @@ bool downloadToBuffer(const std::string& url, DownloadBuffer& buffer) {
 }
 
 bool writeBundleFile(const char* path, const DownloadBuffer& buffer) {
+    webclient::occupyFreeStandardDescriptors();  // the lock traces must not land in the bundle
     truststore::UniqueFd file(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!file.valid()) {
         WC_LOG_ERROR("file open error. errno: %d\n", errno);

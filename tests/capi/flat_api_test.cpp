@@ -2,15 +2,19 @@
 // is where what each verb sends (method, body, header lines, credentials,
 // cookie) and what it hands back (body, status, header text) is checked;
 // the layers below run the same code for every verb.
-#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <functional>
+
+#include <gtest/gtest.h>
 
 #include "support/log_capture.h"
 #include "support/server_util.h"
 #include "support/test_helpers.h"
 #include "webclient/flat_api.h"
+#include "webclient/host.h"
 
 namespace {
 
@@ -154,4 +158,27 @@ TEST_P(FlatFunctions, DownloadsWriteTheFileAndReportStatus) {
     EXPECT_EQ(webClientDownload(url("/bytes/1").c_str(), nullptr, nullptr, nullptr, "/nonexistent-dir/f", false), -1);
     EXPECT_EQ(webClientDownload(nullptr, nullptr, nullptr, nullptr, out.path().c_str(), false), -1);
     EXPECT_EQ(log.count("[webClientDownload] invalid argument!"), 1u);
+}
+
+// A host that closed its standard error (a daemon) must not have the
+// library's log lines written into a download's file, which would take
+// descriptor 2. In a child (the caller's-thread path), at debug level, with
+// the log going to standard error.
+TEST(FlatDownload, FileNeverReceivesTheLogOfAHostWithoutStandardError) {
+    TestServer server;
+    TempFile out("");
+    const std::string source = server.url("localhost", "/bytes/7000");
+    waitUntilOtherThreadsSleep();
+    const pid_t host = fork();
+    if (host == 0) {
+        alarm(20);
+        SetWebClientLogSink({});  // the stand-in logger's own: standard error
+        close(STDERR_FILENO);
+        SetWebClientLogLevel(WEBCLIENT_LOG_DEBUG);
+        const int result = webClientDownload(source.c_str(), nullptr, nullptr, nullptr, out.path().c_str(), false);
+        _exit(result == 0 && readWholeFile(out.path()) == pattern(7000) ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(host, &status, 0), host);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readWholeFile(out.path()).substr(0, 200);
 }
