@@ -12,6 +12,9 @@
 # until the script has ended: nothing here may read standard input.
 
 set -u
+# The host's PATH may lack the system directories (dirname, mktemp, openssl).
+PATH=/usr/sbin:/usr/bin:/sbin:/bin
+export PATH
 
 fail() {
     printf 'extract_ca_bundle.sh: %s\n' "$*" >&2
