@@ -8,9 +8,12 @@
 #include <curl/curl.h>
 #include <sys/socket.h>
 
+#include "util/standard_descriptors.h"
+
 namespace webclient {
 
 inline curl_socket_t openCloseOnExecSocket(void*, curlsocktype, struct curl_sockaddr* address) noexcept {
+    occupyFreeStandardDescriptors();  // a connection on 2 would carry the log to the device
     const int fd = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
     return fd < 0 ? CURL_SOCKET_BAD : fd;
 }

@@ -23,7 +23,6 @@
 #include "util/callback_barrier.h"
 #include "util/lock_guard.h"
 #include "util/log.h"
-#include "util/standard_descriptors.h"
 #include "util/thread_holds.h"
 #include "webclient/ca_bundle.h"
 #include "webclient/exception.h"
@@ -109,8 +108,6 @@ WebRequest::WebRequest(std::string const& url, std::string const& method, bool u
       mutex(PTHREAD_MUTEX_INITIALIZER),
       cond(PTHREAD_COND_INITIALIZER),
       use_ssl(useSsl) {
-    // Before this request's handle, sockets or libcurl's socket pair exist.
-    webclient::occupyFreeStandardDescriptors();
     // Made here rather than first in the member list, and handed over only
     // once the pool has answered, so that nothing leaks when a copy above or
     // the pool throws: a constructor that throws gets no destructor call.
