@@ -31,6 +31,7 @@
 #include "truststore/trust_locks.h"
 #include "truststore/truststore_internal.h"
 #include "util/log.h"
+#include "util/standard_descriptors.h"
 #include "webclient/ca_bundle.h"
 
 std::function<void(int)> timer_callback;  // guarded by g_callbackMutex
@@ -96,6 +97,9 @@ void relayLoop(int readFd) {
 // Caller holds g_relayMutex.
 bool openSelfPipe() {
     if (g_relayReadFd >= 0) return true;
+    // On a free 1 and 2 the pipe would read every line written to standard
+    // error as a signal, and its delivery would write the next.
+    webclient::occupyFreeStandardDescriptors();
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return false;
     // A burst of signals must never block the handler.

@@ -17,6 +17,7 @@
 #include "truststore/unique_fd.h"
 #include "util/lock_guard.h"
 #include "util/sigpipe_shield.h"
+#include "util/standard_descriptors.h"
 #include "webclient/popen3.h"
 
 namespace {
@@ -103,6 +104,9 @@ struct ChildPipes {
     UniqueFd inRead, inWrite, outRead, outWrite, errRead, errWrite;
 
     bool open() {
+        // Lifted below, but a line written to standard error meanwhile
+        // would land in a pipe made on a free 2.
+        webclient::occupyFreeStandardDescriptors();
         if (!makePipe(inRead, inWrite) || !makePipe(outRead, outWrite) ||
             !makePipe(errRead, errWrite))
             return false;

@@ -102,6 +102,9 @@ std::string readWholeFile(const std::string& path);
 
 // The process's locale switched to Turkish, where tolower('I') is not 'i',
 // for the object's life (made with localedef into a temporary directory).
+// setlocale and setenv are not safe beside threads that read the locale or
+// the environment: switch while the process's other threads are idle (no
+// request under way).
 class TurkishLocale {
 public:
     TurkishLocale();

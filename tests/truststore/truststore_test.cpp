@@ -1,6 +1,7 @@
 // The trust store end to end: child processes of /bin/sh (popen3), the real
 // extraction script and openssl run by ExtractCa, bundles from a loopback
 // server, the host's handler, the CA file's read hold and the expiry timer.
+#include <fcntl.h>
 #include <linux/sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -403,4 +404,24 @@ TEST_F(TrustStore, ExpiryLetsTheReadyStateLapse) {
 
     store.StopTimer();
     EXPECT_EQ(secondsLeft(), 0);
+}
+
+// A daemon that closed its standard descriptors after loading the library:
+// the expiry relay's pipe must not take 1 and 2, or every line written to
+// standard error would read as an expiry, whose delivery writes the next.
+// Run in a fresh process, where no relay has been started yet.
+TEST_F(TrustStore, TheExpiryRelayNeverTakesAClosedStandardDescriptor) {
+    sandbox.serveBundle(good);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            refreshCaBundle();
+            for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) close(fd);
+            (void)open("/dev/null", O_RDONLY);  // the host's own, on 0
+            store.StartTimer();
+            (void)print_exit_code(0);  // a line to standard error
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            _exit(TrustStoreSandbox::status() == 2 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include <openssl/bio.h>
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
@@ -98,6 +99,7 @@ bool adoptDeviceCaFile() {
     const char* path = truststore_paths::kCaBundlePem;
     if (!isFileExist(path)) return false;
     if (!loadsAsCaFile(path)) {
+        ERR_clear_error();  // the parse's errors are not a later transfer's
         std::fprintf(stderr, "webclient: the device's CA file %s cannot be loaded; not adopted\n", path);
         return false;
     }
