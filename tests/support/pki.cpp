@@ -1,5 +1,7 @@
 #include "support/pki.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
@@ -59,7 +61,11 @@ TestPki::TestPki() {
     char name[] = "/tmp/webclient-pki-XXXXXX";
     if (mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
     dir_ = name;
+    owner_ = getpid();
     generate(dir_);
 }
 
-TestPki::~TestPki() { (void)!std::system(("rm -rf '" + dir_ + "'").c_str()); }
+// A forked child that exits runs this too: only the maker removes the files.
+TestPki::~TestPki() {
+    if (getpid() == owner_) (void)!std::system(("rm -rf '" + dir_ + "'").c_str());
+}

@@ -4,6 +4,8 @@
 // IP:127.0.0.1-3 unless their name says otherwise.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "support/server_util.h"
@@ -19,4 +21,5 @@ private:
     TestPki();
     ~TestPki();
     std::string dir_;
+    pid_t owner_;
 };
