@@ -23,10 +23,6 @@ namespace webclient {
 // [from, to) of the original text, shown as "***".
 using MaskedRanges = std::vector<std::pair<size_t, size_t>>;
 
-// Query field names are matched without regard to case: a server that
-// reads "?Password=" is given the same secret as one that reads "?password=".
-inline std::string lowerCase(std::string text) { return asciiLowerCase(std::move(text)); }
-
 // The first `c` in [from, to), or npos.
 inline size_t findBetween(const std::string& text, char c, size_t from, size_t to) {
     const auto found = std::find(text.begin() + static_cast<long>(from), text.begin() + static_cast<long>(to), c);
@@ -120,7 +116,9 @@ inline size_t namedFieldStart(const std::string& lower, const char* name, size_t
 // a value: a ';' inside one never shows the rest of it.
 inline void addQueryRanges(const std::string& text, MaskedRanges& ranges) {
     if (text.find('=') == std::string::npos) return;
-    const std::string lower = lowerCase(text);
+    // Field names match without regard to case: a server that reads
+    // "?Password=" is given the same secret as one that reads "?password=".
+    const std::string lower = asciiLowerCase(text);
     static const char* const kNames[] = {"password=", "client_secret="};
     if (std::none_of(std::begin(kNames), std::end(kNames),
                      [&](const char* name) { return lower.find(name) != std::string::npos; })) {

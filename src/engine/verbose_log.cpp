@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "engine/url_masking.h"
+#include "util/ascii_case.h"
 #include "util/callback_barrier.h"
 #include "util/log.h"
 
@@ -47,7 +49,7 @@ bool isRequestLine(const std::string& line) {
 std::string trimmedName(std::string name) {
     name.erase(name.find_last_not_of(" \t") + 1);
     name.erase(0, name.find_first_not_of(" \t"));
-    return webclient::lowerCase(name);
+    return webclient::asciiLowerCase(std::move(name));
 }
 
 bool isSingleWord(const std::string& name) { return !name.empty() && name.find_first_of(" \t") == std::string::npos; }
